@@ -1,0 +1,107 @@
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <unordered_map>
+#include <utility>
+#include <vector>
+
+#include "GainMapMutex.h"
+#include "IGainMapBufPool.h"
+#include "camsys/ImageBuffer.h"
+#include "camsys/TaskMgr.h"
+#include "camsys/Types.h"
+
+// The gain-map buffer pool of one sensor. Lock order: the manager's lock, then mLock, then one
+// slot's lock (slot 0's lock may follow another slot's on the producer path). No pool routine
+// calls the manager, and none waits on its own queue from inside one of its tasks.
+class GainMapBufPoolImp : public NSCam::v3::Utils::IGainMapBufPool {
+ public:
+  using PoolParameters = NSCam::v3::Utils::IGainMapBufPoolManager::PoolParameters;
+  using ImgParam = qcam::IImageBufferAllocator::ImgParam;
+  using ImgParamMap = std::unordered_map<unsigned int, ImgParam>;
+  using ImgBufInfoMap = std::unordered_map<unsigned int, NSCam::ImageBufferInfo>;
+
+  struct BufSlotImp : public BufSlot {
+    // guards every other field of the slot, and the BufSlot fields the pool writes
+    gainmap::Mutex lock;
+    bool producerUser GMP_GUARDED_BY(lock) = false;
+    size_t consumerUserCount GMP_GUARDED_BY(lock) = 0;
+    int64_t key GMP_GUARDED_BY(lock) = 0;
+    // set once the slot has buffers; never cleared
+    std::atomic<bool> ready{false};
+  };
+
+  GainMapBufPoolImp(PoolParameters const& params, bool laggingAlloc);
+  ~GainMapBufPoolImp() override;
+  GainMapBufPoolImp(GainMapBufPoolImp const&) = delete;
+  GainMapBufPoolImp& operator=(GainMapBufPoolImp const&) = delete;
+
+  std::shared_ptr<BufSlot> getProducerBuffer() override;
+  int setProducerBuffer(long const& key, int const& validSize,
+                        std::shared_ptr<BufSlot> slot) override;
+  std::shared_ptr<BufSlot> getConsumerBuffer(long const& key, int index) override;
+  int setConsumerBuffer(std::shared_ptr<BufSlot> slot) override;
+  int setPoolReleased() override;
+  int setPoolResume() override;
+  ImgParamMap getPoolImgParams() override;
+  int getUniKey() override;
+  uint32_t getMaxSlotCount() override;
+  uint32_t getBufBatchSize() override;
+  void dump() override;
+
+  std::pair<uint32_t, NSCam::MSize> determineWorstSensorSize();
+  ImgParamMap determineBufferParams();
+  ImgParam determineAllocParam();
+  ImgBufInfoMap determineImgBufInfos();
+
+  int allocSlotBuffersLocked(std::shared_ptr<BufSlotImp>& slot, int index)
+      GMP_REQUIRES(slot->lock);
+  int preAllocOneSlotLocked() GMP_REQUIRES(mLock);
+  int releaseSlotBuffersLocked(std::shared_ptr<BufSlotImp>& slot) GMP_REQUIRES(slot->lock);
+
+ private:
+  std::shared_ptr<BufSlot> onGetProducerBuffer() GMP_EXCLUDES(mLock);
+  int onSetProducerBuffer(long const& key, int const& validSize, std::shared_ptr<BufSlot> slot);
+  std::shared_ptr<BufSlot> onGetConsumerBuffer(long const& key, int index);
+  int onSetConsumerBuffer(std::shared_ptr<BufSlot> slot);
+
+  void onCreate() GMP_EXCLUDES(mLock);
+  void onPreAllocSlot(int index);
+  void onRelease() GMP_EXCLUDES(mLock);
+  void onResume() GMP_EXCLUDES(mLock);
+  void growAtLastSlotLocked() GMP_REQUIRES(mLock);
+  // The slot at `index` when it is in the rotation and created; empty otherwise.
+  std::shared_ptr<BufSlotImp> slotInRotation(int index);
+  std::shared_ptr<NSCam::CTM::TaskHandle> post(std::function<void()> step);
+
+  std::string mCallerName;
+  std::string mPoolName;
+  int32_t mLogLevel;
+  int32_t mUniKey;
+  int32_t mSensorId;
+  std::unordered_map<uint32_t, NSCam::MSize> mSensorSizes;
+  uint32_t mWorstSensorMode;
+  NSCam::MSize mWorstSensorSize;
+  uint32_t mBatchSize;
+  std::atomic<uint32_t> mSlotCount;
+  uint32_t mMaxSlotCount;
+  bool mbLaggingAlloc;
+  // the producer's round-robin cursor; always below mSlotCount
+  size_t mCurrentIndex GMP_GUARDED_BY(mLock);
+  // Filled once under mLock by the creation task, before mbInitialized is published; never
+  // resized afterwards, so the lending paths read it without mLock.
+  std::vector<std::shared_ptr<BufSlotImp>> mSlots;
+  // the slot most recently added to the rotation, -1 when none is pending
+  int32_t mPreAllocIndex GMP_GUARDED_BY(mLock);
+  // guards mCurrentIndex and mPreAllocIndex, and orders the queue's tasks against the producer
+  gainmap::Mutex mLock;
+  std::atomic<bool> mbReleased;
+  std::atomic<bool> mbInitialized;
+  ImgParamMap mImgParams;
+  ImgParam mAllocParam;
+  ImgBufInfoMap mImgBufInfos;
+  std::shared_ptr<NSCam::CTM::TaskQueue> mTaskQueue;
+};

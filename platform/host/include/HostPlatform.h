@@ -1,0 +1,75 @@
+#pragma once
+
+// Controls of the host platform, for tests and tools. Nothing in the library uses them.
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace qelcam {
+namespace host {
+
+// Properties: a process-wide store, also filled at start-up from QELCAM_PROPERTIES
+// ("key=value;key=value").
+void setProperty(std::string const& key, std::string const& value);
+void clearProperty(std::string const& key);
+
+// Image formats known to the host's format table.
+constexpr int32_t kFormatGainMap8 = 0x20203859;
+constexpr int32_t kFormatGainMap16 = 0x20363159;
+constexpr int32_t kFormatBlob = 0x21;
+// The sensor-information service's answer to the gain-map format query; {kFormatGainMap8} at start.
+void setGainMapFormats(std::vector<int32_t> const& formats);
+std::vector<int32_t> gainMapFormats();
+
+struct LogRecord {
+  enum class Sink { DebugPrint, Logger };
+  Sink sink;
+  uint32_t moduleId;  // logger sink only
+  std::string tag;
+  int level;         // the sink's own level value
+  std::string text;  // debug-print: the whole formatted line; logger: the text as written
+  int length;        // logger sink: the length argument it was given
+};
+
+// While one is alive, every line that either sink writes is recorded.
+class LogCapture {
+ public:
+  LogCapture();
+  ~LogCapture();
+  LogCapture(LogCapture const&) = delete;
+  LogCapture& operator=(LogCapture const&) = delete;
+
+  std::vector<LogRecord> records() const;
+  void clear();
+
+ private:
+  struct State;
+  std::shared_ptr<State> mState;
+};
+
+// The enable bit of g_logInfoLv[level].
+void setDebugPrintLevelEnabled(int level, bool enabled);
+
+struct HeapStats {
+  uint64_t heapsCreated;   // since process start
+  uint64_t heapsAlive;     // heaps whose memory is still mapped
+  uint64_t bytesAlive;     // bytes of those heaps
+  uint64_t buffersLocked;  // image buffers locked now
+};
+HeapStats heapStats();
+// The next `count` heap creations return an empty pointer.
+void failHeapCreates(int count);
+// lockBuf fails for the buffer at this index of every batch cut; -1 = never.
+void failLockBufAt(int bufferIndex);
+
+// Queue threads start no new task until releaseQueues().
+void holdQueues();
+void releaseQueues();
+// Returns once every live queue has run every task posted so far. Not to be called while the
+// queues are held.
+void waitQueuesIdle();
+
+}  // namespace host
+}  // namespace qelcam
