@@ -57,8 +57,7 @@ class GainMapBufPoolImp : public NSCam::v3::Utils::IGainMapBufPool {
   ImgParam determineAllocParam();
   ImgBufInfoMap determineImgBufInfos();
 
-  int allocSlotBuffersLocked(std::shared_ptr<BufSlotImp>& slot, int index)
-      GMP_REQUIRES(slot->lock);
+  int allocSlotBuffersLocked(std::shared_ptr<BufSlotImp>& slot, int index) GMP_REQUIRES(slot->lock);
   int preAllocOneSlotLocked() GMP_REQUIRES(mLock);
   int releaseSlotBuffersLocked(std::shared_ptr<BufSlotImp>& slot) GMP_REQUIRES(slot->lock);
 
@@ -68,14 +67,12 @@ class GainMapBufPoolImp : public NSCam::v3::Utils::IGainMapBufPool {
   std::shared_ptr<BufSlot> onGetConsumerBuffer(long const& key, int index);
   int onSetConsumerBuffer(std::shared_ptr<BufSlot> slot);
 
-  void onCreate() GMP_EXCLUDES(mLock);
-  void onPreAllocSlot(int index);
-  void onRelease() GMP_EXCLUDES(mLock);
-  void onResume() GMP_EXCLUDES(mLock);
-  void growAtLastSlotLocked() GMP_REQUIRES(mLock);
-  // The slot at `index` when it is in the rotation and created; empty otherwise.
-  std::shared_ptr<BufSlotImp> slotInRotation(int index);
+  // The pool's own slot at `index` for a returning user, or empty (logged as `func`) when the
+  // index is outside the rotation or the slots do not exist yet.
+  std::shared_ptr<BufSlotImp> slotToReturn(char const* func, int index);
+  // Posts `step` to the pool's queue; the handle carries the step's future.
   std::shared_ptr<NSCam::CTM::TaskHandle> post(std::function<void()> step);
+  static void waitFor(std::shared_ptr<NSCam::CTM::TaskHandle> const& handle);
 
   std::string mCallerName;
   std::string mPoolName;

@@ -24,9 +24,9 @@ class GainMapBufPoolMgrImp : public NSCam::v3::Utils::IGainMapBufPoolManager {
   void dump() override;
 
  private:
-  using PoolOp = int (NSCam::v3::Utils::IGainMapBufPool::*)();
-  // releasePool and resumePool: forwards `op` to the sensor's pool.
-  int forwardToPool(char const* func, char const* message, int sensorId, PoolOp op);
+  enum class PoolAction { Release, Resume };
+  // releasePool and resumePool, logging as `func`.
+  int forwardToPool(char const* func, PoolAction action, int sensorId);
 
   int32_t mLogLevel;
   std::unordered_map<uint32_t, std::shared_ptr<NSCam::v3::Utils::IGainMapBufPool>> mPools

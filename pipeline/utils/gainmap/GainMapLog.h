@@ -56,7 +56,9 @@ inline bool debugPrintTaken(Class c) {
          (g_logInfoLv[debugPrintLevel(c)].enable & 0x1) != 0;
 }
 
-inline bool loggerTaken() { return (NSCam::Utils::ULog::ULogger::sMode & 0xa) != 0; }
+inline bool loggerTaken() {
+  return (NSCam::Utils::ULog::ULogger::sMode & 0xa) != 0;
+}
 
 // Never called: lets the compiler check a message's arguments against its format.
 inline void checkFormat(char const*, ...) __attribute__((format(printf, 1, 2)));
@@ -95,8 +97,7 @@ void writeDebugPrint(Class c, int line, char const* func, char const* format, A.
 }
 
 template <class... A>
-void emit(Class c, int line, char const* func, char const* plain, char const* suffixed,
-          A... args) {
+void emit(Class c, int line, char const* func, char const* plain, char const* suffixed, A... args) {
   if (debugPrintTaken(c)) {
     writeDebugPrint(c, line, func, c == Class::Error ? suffixed : plain, args...);
   }
@@ -121,12 +122,13 @@ void fatalToLogger(char const* plain, A... args) {
 #define GMP_ERROR_SUFFIX " (%s){#%d:%s}"
 
 // `func` fills the message's leading "[%s]" and names the function in the error suffix.
-#define GMP_LOG_CLASS_AS(cls, func, fmt, ...)                                                \
-  do {                                                                                       \
-    if (::gainmap::log::gatePasses(cls)) {                                                   \
-      if (false) ::gainmap::log::checkFormat(fmt, func, ##__VA_ARGS__);                      \
+#define GMP_LOG_CLASS_AS(cls, func, fmt, ...)                                                    \
+  do {                                                                                           \
+    if (::gainmap::log::gatePasses(cls)) {                                                       \
+      if (false)                                                                                 \
+        ::gainmap::log::checkFormat(fmt, func, ##__VA_ARGS__);                                   \
       ::gainmap::log::emit(cls, __LINE__, func, fmt, fmt GMP_ERROR_SUFFIX, func, ##__VA_ARGS__); \
-    }                                                                                        \
+    }                                                                                            \
   } while (0)
 
 // Each format begins with "[%s]", which the macro fills with the calling function's name.
@@ -134,26 +136,26 @@ void fatalToLogger(char const* plain, A... args) {
   GMP_LOG_CLASS_AS(::gainmap::log::Class::Error, func, fmt, ##__VA_ARGS__)
 #define GMP_LOGD_AS(func, fmt, ...) \
   GMP_LOG_CLASS_AS(::gainmap::log::Class::Debug, func, fmt, ##__VA_ARGS__)
+#define GMP_LOGW_AS(func, fmt, ...) \
+  GMP_LOG_CLASS_AS(::gainmap::log::Class::Warning, func, fmt, ##__VA_ARGS__)
 #define GMP_LOGE(fmt, ...) GMP_LOGE_AS(__func__, fmt, ##__VA_ARGS__)
-#define GMP_LOGW(fmt, ...) \
-  GMP_LOG_CLASS_AS(::gainmap::log::Class::Warning, __func__, fmt, ##__VA_ARGS__)
+#define GMP_LOGW(fmt, ...) GMP_LOGW_AS(__func__, fmt, ##__VA_ARGS__)
 #define GMP_LOGI(fmt, ...) \
   GMP_LOG_CLASS_AS(::gainmap::log::Class::Info, __func__, fmt, ##__VA_ARGS__)
 #define GMP_LOGD(fmt, ...) GMP_LOGD_AS(__func__, fmt, ##__VA_ARGS__)
 
 // Verbose debug: only when the owner (a pool) was created with the debug property set.
-#define GMP_LOGVD(owner, fmt, ...)           \
-  do {                                       \
-    if ((owner)->mLogLevel != 0) {           \
-      GMP_LOGD(fmt, ##__VA_ARGS__);          \
-    }                                        \
+#define GMP_LOGVD(owner, fmt, ...)  \
+  do {                              \
+    if ((owner)->mLogLevel != 0) {  \
+      GMP_LOGD(fmt, ##__VA_ARGS__); \
+    }                               \
   } while (0)
 
 // Fatal: the format begins with "[%s:line-%d] "; the process aborts.
-#define GMP_LOGF(fmt, ...)                                                                    \
-  do {                                                                                        \
-    ::gainmap::log::fatalToLogger(fmt, __func__, __LINE__, ##__VA_ARGS__);                    \
-    __android_log_assert(nullptr, ::gainmap::log::kTag, fmt GMP_ERROR_SUFFIX, __func__,       \
-                         __LINE__, ##__VA_ARGS__, __func__, __LINE__,                         \
-                         ::gainmap::log::kSourcePath);                                        \
+#define GMP_LOGF(fmt, ...)                                                                        \
+  do {                                                                                            \
+    ::gainmap::log::fatalToLogger(fmt, __func__, __LINE__, ##__VA_ARGS__);                        \
+    __android_log_assert(nullptr, ::gainmap::log::kTag, fmt GMP_ERROR_SUFFIX, __func__, __LINE__, \
+                         ##__VA_ARGS__, __func__, __LINE__, ::gainmap::log::kSourcePath);         \
   } while (0)

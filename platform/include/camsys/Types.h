@@ -13,7 +13,11 @@ struct MSize {
   MSize(int32_t width, int32_t height) : w(width), h(height) {}
 };
 
-inline bool operator==(MSize const& a, MSize const& b) { return a.w == b.w && a.h == b.h; }
-inline bool operator!=(MSize const& a, MSize const& b) { return !(a == b); }
+inline bool operator==(MSize const& a, MSize const& b) {
+  return a.w == b.w && a.h == b.h;
+}
+inline bool operator!=(MSize const& a, MSize const& b) {
+  return !(a == b);
+}
 
 }  // namespace NSCam

@@ -1,0 +1,642 @@
+// Lock order: the manager's mLock, then the pool's mLock, then one slot's lock; the producer's
+// get path may add slot 0's lock after the cursor slot's. No pool routine calls the manager.
+//
+// Tasks on the pool's queue reach the pool through a plain pointer: the destructor drains the
+// queue before any member goes, and no task ever owns the pool, so the last reference is never
+// dropped on the queue's own thread.
+
+#include "GainMapBufPoolImp.h"
+
+#include <sstream>
+
+#include "GainMapLog.h"
+#include "camsys/Format.h"
+#include "camsys/Properties.h"
+#include "camsys/SensorInfo.h"
+
+using gainmap::MutexLocker;
+using NSCam::MSize;
+using NSCam::CTM::CentralTaskMgr;
+using NSCam::CTM::TaskHandle;
+
+namespace {
+
+constexpr char kDebugProperty[] = "vendor.debug.camera.log.pipeline.gainmap";
+constexpr char kCallerName[] = "ppl";
+constexpr char kPoolNamePrefix[] = "GMP_";
+constexpr int32_t kGainMapWidth = 576;
+constexpr int kBufferUsage = 0x6000f;
+constexpr int32_t kBlobFormat = 0x21;
+constexpr int kBadValue = -22;
+constexpr unsigned int kPostPriority = 1;
+constexpr int32_t kQueuePriority = 1;
+
+constexpr auto kAcquire = std::memory_order_acquire;
+constexpr auto kRelease = std::memory_order_release;
+
+// The gain map keeps the sensor's aspect ratio at a fixed width, rounded up to an even height.
+// 32-bit arithmetic that wraps rather than overflows, as the device's does.
+int32_t gainMapHeight(MSize const& sensorSize) {
+  if (sensorSize.w == 0) {
+    return 0;
+  }
+  auto const scaled = static_cast<int32_t>(static_cast<uint32_t>(sensorSize.h) *
+                                           static_cast<uint32_t>(kGainMapWidth));
+  auto const q = static_cast<uint32_t>(static_cast<int64_t>(scaled) / sensorSize.w);
+  return static_cast<int32_t>((q + 1u) & ~1u);
+}
+
+float aspectRatio(MSize const& size) {
+  return static_cast<float>(size.w) / static_cast<float>(size.h);
+}
+
+std::string toString(std::unordered_map<unsigned int, MSize> sizes) {
+  std::ostringstream text;
+  for (auto const& [mode, size] : sizes) {
+    text << "[" << mode << "]:(" << size.w << "x" << size.h << ") ";
+  }
+  return text.str();
+}
+
+int indexOf(std::shared_ptr<NSCam::v3::Utils::IGainMapBufPool::BufSlot> const& slot) {
+  return slot ? slot->index : -1;
+}
+
+}  // namespace
+
+GainMapBufPoolImp::GainMapBufPoolImp(PoolParameters const& params, bool laggingAlloc)
+    : mLogLevel(NSCam::Utils::Properties::property_get_int32(kDebugProperty, 0)),
+      mUniKey(params.uniKey),
+      mSensorId(params.sensorId),
+      mSensorSizes(params.sensorSizes),
+      mWorstSensorMode(0),
+      mBatchSize(params.batchSize > 1 ? params.batchSize : 1),
+      mSlotCount(params.slotCount),
+      mMaxSlotCount(2 * params.slotCount),
+      mbLaggingAlloc(laggingAlloc),
+      mCurrentIndex(0),
+      mPreAllocIndex(-1),
+      mbReleased(false),
+      mbInitialized(false) {
+  if (mSensorSizes.empty()) {
+    GMP_LOGE("[%s] [s:%d] no sensor size given, the pool's slots get no buffer", mSensorId);
+  }
+  std::tie(mWorstSensorMode, mWorstSensorSize) = determineWorstSensorSize();
+  mImgParams = determineBufferParams();
+  mAllocParam = determineAllocParam();
+  mImgBufInfos = determineImgBufInfos();
+  GMP_LOGD(
+      "[%s] ctor: mSensorId(%d), mSensorSizes{%s} mBatchSize(%d), mSlotCount(%d), "
+      "mMaxSlotCount(%d) laggingAlloc(%d)",
+      mSensorId, toString(mSensorSizes).c_str(), mBatchSize, mSlotCount.load(kAcquire),
+      mMaxSlotCount, laggingAlloc ? 1 : 0);
+  mCallerName = kCallerName;
+  mPoolName = kPoolNamePrefix + std::to_string(mSensorId);
+
+  CentralTaskMgr::QueueParam queueParam;
+  queueParam.name = mPoolName;
+  queueParam.priority = kQueuePriority;
+  mTaskQueue = CentralTaskMgr::createQueue(queueParam);
+
+  // Slots and their memory are made on the queue: the caller holds the manager's lock.
+  post([this] {
+    GMP_LOGD("[%s] [s:%d] async create pool start", mSensorId);
+    {
+      MutexLocker poolLock(mLock);
+      mSlots.resize(mMaxSlotCount);
+      for (size_t i = 0; i < mSlots.size(); ++i) {
+        mSlots[i] = std::make_shared<BufSlotImp>();
+        if (!mSlots[i]) {
+          GMP_LOGF("[%s:line-%d] [s:%d][i:%zu] create buffer slot failed", mSensorId, i);
+        }
+        std::shared_ptr<BufSlotImp>& slot = mSlots[i];
+        MutexLocker slotLock(slot->lock);
+        slot->index = static_cast<int32_t>(i);
+        slot->validSize = static_cast<int32_t>(mBatchSize);
+        if (!mbLaggingAlloc && i < mSlotCount.load(kAcquire)) {
+          allocSlotBuffersLocked(slot, static_cast<int>(i));
+        }
+      }
+    }
+    mbReleased.store(mbLaggingAlloc, kRelease);
+    mbInitialized.store(true, kRelease);
+    GMP_LOGD("[%s] [s:%d] async create pool done", mSensorId);
+    dump();
+  });
+}
+
+GainMapBufPoolImp::~GainMapBufPoolImp() {
+  // Every task posted before this barrier holds a plain pointer to the pool.
+  std::shared_ptr<TaskHandle> barrier = post([] {});
+  waitFor(barrier);
+  mTaskQueue.reset();
+
+  MutexLocker poolLock(mLock);
+  std::ostringstream busySlots;
+  // A pool whose queue never ran its creation task has no slot objects.
+  for (size_t i = 0; i < mSlotCount.load(kAcquire) && i < mSlots.size(); ++i) {
+    std::shared_ptr<BufSlotImp>& slot = mSlots[i];
+    MutexLocker slotLock(slot->lock);
+    if (slot->producerUser || slot->consumerUserCount != 0) {
+      busySlots << "[" << i << "]: "
+                << "(p: " << slot->producerUser << " c:" << slot->consumerUserCount << "), ";
+    }
+    if (!slot->buffers.empty()) {
+      releaseSlotBuffersLocked(slot);
+      GMP_LOGVD(this, "[%s] [s:%d][i:%zu] buffers released", mSensorId, i);
+    }
+  }
+  if (!busySlots.str().empty()) {
+    GMP_LOGI("[%s] [s:%d] buffer slots still have users while destructing {%s}", mSensorId,
+             busySlots.str().c_str());
+  }
+  // Slots that clients still hold live on, without the buffers freed above.
+  mSlots.clear();
+}
+
+std::pair<uint32_t, MSize> GainMapBufPoolImp::determineWorstSensorSize() {
+  if (mSensorSizes.empty()) {
+    return {0, MSize()};
+  }
+  auto entry = mSensorSizes.begin();
+  std::pair<uint32_t, MSize> worst = *entry;
+  float worstRatio = aspectRatio(worst.second);
+  for (++entry; entry != mSensorSizes.end(); ++entry) {
+    float ratio = aspectRatio(entry->second);
+    // A NaN ratio neither replaces nor is replaced; ties keep the earlier mode.
+    if (ratio < worstRatio) {
+      worst = *entry;
+      worstRatio = ratio;
+    }
+  }
+  return worst;
+}
+
+GainMapBufPoolImp::ImgParamMap GainMapBufPoolImp::determineBufferParams() {
+  using NSCam::utility::ICamsysSensorInfoHelper;
+  std::shared_ptr<ICamsysSensorInfoHelper> helper = ICamsysSensorInfoHelper::getInstance();
+  std::vector<int32_t> formats;
+  if (helper) {
+    formats = helper->queryFormats(ICamsysSensorInfoHelper::kQueryGainMapFormats);
+  }
+  if (formats.empty()) {
+    GMP_LOGF("[%s:line-%d] does not support gain map, should not reach here");
+  }
+
+  ImgParamMap params;
+  params.max_load_factor(1.0f);
+  int32_t const format = formats.front();
+  int32_t const bitsPerPixel = NSCam::Utils::Format::queryPlaneBitsPerPixel(format, 0);
+  // A 576-pixel row without padding.
+  auto const stride =
+      static_cast<int64_t>(static_cast<int32_t>(72u * static_cast<uint32_t>(bitsPerPixel)));
+  for (auto const& [mode, sensorSize] : mSensorSizes) {
+    int32_t const height = gainMapHeight(sensorSize);
+    ImgParam param;
+    param.imgFormat = format;
+    param.imgSize = MSize(kGainMapWidth, height);
+    param.usage = kBufferUsage;
+    param.strideInBytes = static_cast<size_t>(stride);
+    GMP_LOGVD(this,
+              "[%s] [s:%d] sensor mode(%u) sensor size:(%dx%d), gain map size:(%dx%d) "
+              "strideAlignInByte(%zu)",
+              mSensorId, mode, sensorSize.w, sensorSize.h, kGainMapWidth, height,
+              param.strideInBytes);
+    params.emplace(mode, param);
+  }
+  return params;
+}
+
+GainMapBufPoolImp::ImgParam GainMapBufPoolImp::determineAllocParam() {
+  ImgParam alloc;
+  auto worst = mImgParams.find(mWorstSensorMode);
+  if (worst == mImgParams.end()) {
+    // Only a pool without sensor sizes has no worst mode; its heaps are empty.
+    return alloc;
+  }
+  MSize const gainMapSize = worst->second.imgSize;
+  // 32-bit unsigned, as the heap's size is.
+  uint32_t const allocSize = static_cast<uint32_t>(gainMapSize.h) *
+                             static_cast<uint32_t>(worst->second.strideInBytes) * mBatchSize;
+  alloc.imgFormat = kBlobFormat;
+  alloc.imgSize = MSize(static_cast<int32_t>(allocSize), 1);
+  alloc.usage = worst->second.usage;
+  GMP_LOGVD(this, "[%s] [s:%d] worst size:(%dx%d), alloc size:(%dx%d)", mSensorId, gainMapSize.w,
+            gainMapSize.h, alloc.imgSize.w, alloc.imgSize.h);
+  return alloc;
+}
+
+GainMapBufPoolImp::ImgBufInfoMap GainMapBufPoolImp::determineImgBufInfos() {
+  ImgBufInfoMap infos;
+  infos.max_load_factor(1.0f);
+  for (auto const& [mode, param] : mImgParams) {
+    NSCam::ImageBufferInfo info;
+    NSCam::BufPlane& plane = info.bufPlanes.planes[0];
+    plane.rowStrideInBytes = param.strideInBytes;
+    plane.sizeInBytes =
+        param.strideInBytes * static_cast<size_t>(static_cast<int64_t>(param.imgSize.h));
+    info.bufPlanes.count = 1;
+    info.count = mBatchSize;
+    // The buffers of a batch follow one another without gaps.
+    info.bufStep = plane.sizeInBytes;
+    info.startOffset = 0;
+    info.imgFormat = param.imgFormat;
+    info.imgSize = param.imgSize;
+    GMP_LOGVD(this,
+              "[%s] [s:%d] mode (%u), imgBufInfo size:(%dx%d), count(%zu), "
+              "planes[0].sizeInBytes(%zu), planes[0].rowStrideInBytes(%zu), bufStep(%zu)",
+              mSensorId, mode, info.imgSize.w, info.imgSize.h, info.count, plane.sizeInBytes,
+              plane.rowStrideInBytes, info.bufStep);
+    infos.emplace(mode, info);
+  }
+  return infos;
+}
+
+int GainMapBufPoolImp::allocSlotBuffersLocked(std::shared_ptr<BufSlotImp>& slot, int index) {
+  slot->useSizeMap = mImgParams.size() > 1;
+  std::shared_ptr<qcam::IImageBufferHeap> heap = qcam::IImageBufferHeapFactory::create(
+      mCallerName.c_str(), mPoolName.c_str(), mAllocParam, false);
+  if (!heap) {
+    GMP_LOGF("[%s:line-%d] [s:%d][i:%d] create heap fail", mSensorId, index);
+  }
+  // Every mode's batch is a view of the start of the same heap.
+  for (auto const& [mode, info] : mImgBufInfos) {
+    std::vector<std::shared_ptr<qcam::IImageBuffer>> bufs =
+        heap->createImageBuffers(info, mCallerName.c_str(), true);
+    // The platform refuses (and logs) buffers that would not fit; never index past what it gave.
+    for (size_t b = 0; b < mBatchSize && b < bufs.size(); ++b) {
+      if (!bufs[b]->lockBuf(mCallerName.c_str(), kBufferUsage)) {
+        GMP_LOGE("[%s] [s:%d][i:%d][b:%zu] lockBuf failed", mSensorId, index, b);
+      }
+      GMP_LOGVD(this, "[%s] [s:%d][i:%d][b:%zu] buffer created", mSensorId, index, b);
+    }
+    if (!slot->useSizeMap) {
+      slot->buffers = bufs;
+    } else {
+      // Modes of the same sensor size share the buffers of the mode met first.
+      slot->buffersBySize.emplace(mSensorSizes.at(mode), bufs);
+    }
+  }
+  slot->ready.store(true, kRelease);
+  return 0;
+}
+
+int GainMapBufPoolImp::preAllocOneSlotLocked() {
+  if (mSlotCount.load(kAcquire) >= mMaxSlotCount) {
+    GMP_LOGE("[%s] [s:%d] slot count(%d) reach max(%d), stop alloc new slot", mSensorId,
+             mSlotCount.load(kAcquire), mMaxSlotCount);
+    return kBadValue;
+  }
+  auto const added = static_cast<int32_t>(mSlotCount.load(kAcquire));
+  mPreAllocIndex = added;
+  // From here the slot is in the rotation, not ready until its task has run.
+  mSlotCount.fetch_add(1);
+  post([this, added] {
+    GMP_LOGD("[%s] [s:%d] async pre alloc slot(i:%d) +", mSensorId, added);
+    {
+      std::shared_ptr<BufSlotImp>& slot = mSlots[added];
+      MutexLocker slotLock(slot->lock);
+      slot->index = added;
+      slot->validSize = static_cast<int32_t>(mBatchSize);
+      allocSlotBuffersLocked(slot, added);
+    }
+    GMP_LOGD("[%s] [s:%d] async pre alloc slot(i:%d) -", mSensorId, added);
+  });
+  return 0;
+}
+
+int GainMapBufPoolImp::releaseSlotBuffersLocked(std::shared_ptr<BufSlotImp>& slot) {
+  if (!slot->useSizeMap) {
+    for (auto& buffer : slot->buffers) {
+      buffer->unlockBuf(mCallerName.c_str());
+    }
+    slot->buffers.clear();
+  } else {
+    for (auto& [size, buffers] : slot->buffersBySize) {
+      for (auto& buffer : buffers) {
+        buffer->unlockBuf(mCallerName.c_str());
+      }
+    }
+    slot->buffersBySize.clear();
+  }
+  GMP_LOGVD(this, "[%s] [s:%d][i:%d] released size (%zu)", mSensorId, slot->index,
+            slot->buffers.size());
+  return 0;
+}
+
+std::shared_ptr<GainMapBufPoolImp::BufSlot> GainMapBufPoolImp::getProducerBuffer() {
+  std::shared_ptr<BufSlot> slot = onGetProducerBuffer();
+  if (!slot && mbInitialized.load(kAcquire)) {
+    dump();
+  }
+  return slot;
+}
+
+std::shared_ptr<GainMapBufPoolImp::BufSlot> GainMapBufPoolImp::onGetProducerBuffer() {
+  if (!mbInitialized.load(kAcquire)) {
+    GMP_LOGW("[%s] [s:%d] pool has not been initialized", mSensorId);
+    return nullptr;
+  }
+  if (mbReleased.load(kAcquire)) {
+    GMP_LOGE("[%s] [s:%d] pool has been marked released", mSensorId);
+    return nullptr;
+  }
+  if (mSlotCount.load(kAcquire) == 0) {
+    GMP_LOGE("[%s] [s:%d] pool has no slot to lend", mSensorId);
+    return nullptr;
+  }
+  std::shared_ptr<BufSlotImp> slot;
+  {
+    MutexLocker poolLock(mLock);
+    slot = mSlots[mCurrentIndex];
+    if (!slot->ready.load(kAcquire)) {
+      GMP_LOGW("[%s] [s:%d][i:%zu] slot is not ready", mSensorId, mCurrentIndex);
+      return nullptr;
+    }
+    MutexLocker slotLock(slot->lock);
+    if (slot->producerUser) {
+      GMP_LOGE("[%s] [s:%d][i:%d] still has producer user", mSensorId, slot->index);
+      return nullptr;
+    }
+    if (slot->consumerUserCount != 0) {
+      // A busy slot is never skipped: grow the rotation so a free slot comes up later.
+      GMP_LOGW("[%s] [s:%d][i:%d] still has consumer users (c:%zu)", mSensorId, slot->index,
+               slot->consumerUserCount);
+      if (mPreAllocIndex == -1) {
+        GMP_LOGD("[%s] need pre alloc slot");
+        preAllocOneSlotLocked();
+      }
+      return nullptr;
+    }
+    GMP_LOGVD(this, "[%s] [s:%d] current index: %zu", mSensorId, mCurrentIndex);
+    slot->producerUser = true;
+    if (mPreAllocIndex != -1 && static_cast<size_t>(mPreAllocIndex) == mCurrentIndex) {
+      // Taking the newest slot: slot 0 comes next, so grow again if consumers still hold it.
+      std::shared_ptr<BufSlotImp>& first = mSlots[0];
+      MutexLocker firstLock(first->lock);
+      if (first->consumerUserCount == 0) {
+        mPreAllocIndex = -1;
+      } else {
+        GMP_LOGD("[%s] need pre alloc another slot");
+        preAllocOneSlotLocked();
+      }
+    }
+    ++mCurrentIndex;
+    if (mCurrentIndex >= mSlotCount.load(kAcquire)) {
+      mCurrentIndex = 0;
+    }
+  }
+  GMP_LOGVD(this, "[%s] [s:%d][i:%d] slot:%p, size:%zu", mSensorId, slot->index,
+            static_cast<void*>(slot.get()), slot->buffers.size());
+  return slot;
+}
+
+int GainMapBufPoolImp::setProducerBuffer(long const& key, int const& validSize,
+                                         std::shared_ptr<BufSlot> slot) {
+  int status = onSetProducerBuffer(key, validSize, slot);
+  if (status != 0) {
+    dump();
+  }
+  return status;
+}
+
+int GainMapBufPoolImp::onSetProducerBuffer(long const& key, int const& validSize,
+                                           std::shared_ptr<BufSlot> slot) {
+  GMP_LOGVD(this, "[%s] [s:%d] key: %ld, validSize: %d, slot index: %d", mSensorId, key, validSize,
+            indexOf(slot));
+  std::shared_ptr<BufSlotImp> own = slotToReturn(__func__, indexOf(slot));
+  if (!own) {
+    return kBadValue;
+  }
+  MutexLocker slotLock(own->lock);
+  // Compared unsigned: a negative count is too many.
+  if (static_cast<uint64_t>(static_cast<int64_t>(validSize)) > own->buffers.size()) {
+    GMP_LOGE("[%s] [s:%d][i:%d] user validSize(%d) exceeds slot buffer num(%zu)", mSensorId,
+             own->index, validSize, own->buffers.size());
+    return kBadValue;
+  }
+  if (!own->producerUser || own->consumerUserCount != 0) {
+    GMP_LOGE("[%s] [s:%d][i:%d] cannot set producer buffer (p:%d, c:%zu)", mSensorId, own->index,
+             own->producerUser, own->consumerUserCount);
+    return kBadValue;
+  }
+  own->validSize = validSize;
+  own->producerUser = false;
+  own->key = key;
+  if (mbReleased.load(kAcquire) && own->consumerUserCount == 0) {
+    GMP_LOGVD(this, "[%s] [s:%d][i:%d] pool marked released, release slot buffers", mSensorId,
+              own->index);
+    releaseSlotBuffersLocked(own);
+  }
+  GMP_LOGVD(this, "[%s] [s:%d][i:%d] slot:%p, size:%zu, valid size:%d", mSensorId, own->index,
+            static_cast<void*>(own.get()), own->buffers.size(), own->validSize);
+  return 0;
+}
+
+std::shared_ptr<GainMapBufPoolImp::BufSlot> GainMapBufPoolImp::getConsumerBuffer(long const& key,
+                                                                                 int index) {
+  std::shared_ptr<BufSlot> slot = onGetConsumerBuffer(key, index);
+  if (!slot && mbInitialized.load(kAcquire)) {
+    dump();
+  }
+  return slot;
+}
+
+std::shared_ptr<GainMapBufPoolImp::BufSlot> GainMapBufPoolImp::onGetConsumerBuffer(long const& key,
+                                                                                   int index) {
+  GMP_LOGVD(this, "[%s] index: %d, key: %ld", index, key);
+  if (!mbInitialized.load(kAcquire)) {
+    GMP_LOGW("[%s] [s:%d] pool has not been initialized", mSensorId);
+    return nullptr;
+  }
+  if (mbReleased.load(kAcquire)) {
+    GMP_LOGE("[%s] [s:%d] pool has been marked released", mSensorId);
+    return nullptr;
+  }
+  if (index < 0 || static_cast<uint32_t>(index) >= mSlotCount.load(kAcquire)) {
+    GMP_LOGE("[%s] [s:%d] request invalid index(%d). Number of slots(%d)", mSensorId, index,
+             mSlotCount.load(kAcquire));
+    return nullptr;
+  }
+  std::shared_ptr<BufSlotImp> slot = mSlots[index];
+  MutexLocker slotLock(slot->lock);
+  if (slot->producerUser) {
+    GMP_LOGE("[%s] [s:%d][i:%d] slot has producer user", mSensorId, slot->index);
+    return nullptr;
+  }
+  if (slot->key != key) {
+    GMP_LOGE("[%s] [s:%d][i:%d] timestamp mismatch, slot timestamp: %ldconsumer timestamp: %ld",
+             mSensorId, slot->index, slot->key, key);
+    return nullptr;
+  }
+  if (slot->buffers.empty()) {
+    GMP_LOGD("[%s] [s:%d][i:%d] slot buffers has been released. mbReleased(%d)", mSensorId,
+             slot->index, mbReleased.load(kAcquire));
+    return nullptr;
+  }
+  ++slot->consumerUserCount;
+  GMP_LOGVD(this, "[%s] [s:%d][i:%d] slot:%p, size:%zu, validSize:%d, c:%zu", mSensorId,
+            slot->index, static_cast<void*>(slot.get()), slot->buffers.size(), slot->validSize,
+            slot->consumerUserCount);
+  return slot;
+}
+
+int GainMapBufPoolImp::setConsumerBuffer(std::shared_ptr<BufSlot> slot) {
+  int status = onSetConsumerBuffer(slot);
+  if (status != 0) {
+    dump();
+  }
+  return status;
+}
+
+int GainMapBufPoolImp::onSetConsumerBuffer(std::shared_ptr<BufSlot> slot) {
+  GMP_LOGVD(this, "[%s] [s:%d] consumer slot index(%d), slot count(%d)", mSensorId, indexOf(slot),
+            mSlotCount.load(kAcquire));
+  std::shared_ptr<BufSlotImp> own = slotToReturn(__func__, indexOf(slot));
+  if (!own) {
+    return kBadValue;
+  }
+  MutexLocker slotLock(own->lock);
+  if (own->producerUser) {
+    GMP_LOGE("[%s] [s:%d][i:%d] slot has producer user (p:%d, c:%zu)", mSensorId, own->index,
+             own->producerUser, own->consumerUserCount);
+    return kBadValue;
+  }
+  if (own->consumerUserCount == 0) {
+    GMP_LOGE("[%s] [s:%d][i:%d] slot has no consumer user (p:%d, c:%zu)", mSensorId, own->index,
+             own->producerUser, own->consumerUserCount);
+    return kBadValue;
+  }
+  --own->consumerUserCount;
+  // The last consumer of a released pool frees the slot.
+  if (mbReleased.load(kAcquire) && own->consumerUserCount == 0) {
+    GMP_LOGVD(this, "[%s] [s:%d][i:%d] pool marked released and no consumer, release slot buffers",
+              mSensorId, own->index);
+    releaseSlotBuffersLocked(own);
+  }
+  GMP_LOGVD(this, "[%s] [s:%d][i:%d] slot:%p, size:%zu, c:%zu", mSensorId, slot->index,
+            static_cast<void*>(slot.get()), slot->buffers.size(), own->consumerUserCount);
+  return 0;
+}
+
+std::shared_ptr<GainMapBufPoolImp::BufSlotImp> GainMapBufPoolImp::slotToReturn(char const* func,
+                                                                               int index) {
+  if (index < 0 || static_cast<uint32_t>(index) >= mSlotCount.load(kAcquire)) {
+    GMP_LOGE_AS(func, "[%s] [s:%d] invalid slot index(%d). Number of slots(%d)", mSensorId, index,
+                mSlotCount.load(kAcquire));
+    return nullptr;
+  }
+  // Before the creation task has run, mSlots is still being filled.
+  if (!mbInitialized.load(kAcquire)) {
+    GMP_LOGW_AS(func, "[%s] [s:%d] pool has not been initialized", mSensorId);
+    return nullptr;
+  }
+  return mSlots[index];
+}
+
+int GainMapBufPoolImp::setPoolReleased() {
+  // Creation, resume and slot allocations queued before must be done before anything is freed.
+  waitFor(post([] { GMP_LOGD("[%s] Wait for CTM createPool/resumePool done"); }));
+  post([this] {
+    GMP_LOGD("[%s] [setPoolReleased] [s:%d] async +", mSensorId);
+    MutexLocker poolLock(mLock);
+    if (mbReleased.load(kAcquire)) {
+      GMP_LOGW("[%s] [s:%d] has already been marked released", mSensorId);
+      return;
+    }
+    // Set before the slots are visited, so users returning a slot from now on free it.
+    mbReleased.store(true, kRelease);
+    for (std::shared_ptr<BufSlotImp>& slot : mSlots) {
+      MutexLocker slotLock(slot->lock);
+      if (!slot->producerUser && slot->consumerUserCount == 0) {
+        releaseSlotBuffersLocked(slot);
+      } else {
+        GMP_LOGD("[%s] [s:%d][i:%d] still has users (p:%d, c: %zu)", mSensorId, slot->index,
+                 slot->producerUser, slot->consumerUserCount);
+      }
+    }
+    GMP_LOGD("[%s] [setPoolReleased] [s:%d] async -", mSensorId);
+  });
+  return 0;
+}
+
+int GainMapBufPoolImp::setPoolResume() {
+  // No barrier: the queue runs this behind any earlier release.
+  post([this] {
+    GMP_LOGD("[%s] [setPoolResume] [s:%d] async +", mSensorId);
+    MutexLocker poolLock(mLock);
+    if (!mbReleased.load(kAcquire)) {
+      GMP_LOGW("[%s] [s:%d] has already been set resume", mSensorId);
+      return;
+    }
+    // Every slot of the rotation as it stands now, grown ones included.
+    for (size_t i = 0; i < mSlotCount.load(kAcquire); ++i) {
+      std::shared_ptr<BufSlotImp>& slot = mSlots[i];
+      MutexLocker slotLock(slot->lock);
+      if (slot->buffers.empty()) {
+        allocSlotBuffersLocked(slot, static_cast<int>(i));
+      } else {
+        GMP_LOGI("[%s] [s:%d][i:%zu] slot still has buffer, size:%zu (p:%d, c:%zu)", mSensorId, i,
+                 slot->buffers.size(), slot->producerUser, slot->consumerUserCount);
+      }
+    }
+    mbReleased.store(false, kRelease);
+    GMP_LOGD("[%s] [setPoolResume] [s:%d] async -", mSensorId);
+  });
+  return 0;
+}
+
+GainMapBufPoolImp::ImgParamMap GainMapBufPoolImp::getPoolImgParams() {
+  return mImgParams;
+}
+
+int GainMapBufPoolImp::getUniKey() {
+  return mUniKey;
+}
+
+uint32_t GainMapBufPoolImp::getMaxSlotCount() {
+  return mMaxSlotCount;
+}
+
+uint32_t GainMapBufPoolImp::getBufBatchSize() {
+  return mBatchSize;
+}
+
+void GainMapBufPoolImp::dump() {
+  // The text is built only when the line can be written.
+  if (!gainmap::log::gatePasses(gainmap::log::Class::Debug)) {
+    return;
+  }
+  MutexLocker poolLock(mLock);
+  std::ostringstream text;
+  text << "[s:" << mSensorId << "] released(" << mbReleased.load(kAcquire) << ") "
+       << "(p, c, validSize, key, buffers.size()): {";
+  for (std::shared_ptr<BufSlotImp>& slot : mSlots) {
+    MutexLocker slotLock(slot->lock);
+    text << "[" << slot->index << "]: (" << slot->producerUser << ", " << slot->consumerUserCount
+         << ", " << slot->validSize << ", " << slot->key << ", " << slot->buffers.size() << "), ";
+  }
+  text << "}";
+  GMP_LOGD("[%s] %s", text.str().c_str());
+}
+
+std::shared_ptr<TaskHandle> GainMapBufPoolImp::post(std::function<void()> step) {
+  auto task = std::make_shared<std::packaged_task<void()>>(std::move(step));
+  std::shared_future<void> done = task->get_future().share();
+  std::shared_ptr<TaskHandle> handle =
+      CentralTaskMgr::asyncPost(mTaskQueue, kPostPriority, [task] { (*task)(); });
+  if (handle) {
+    handle->setFuture(done);
+  }
+  return handle;
+}
+
+void GainMapBufPoolImp::waitFor(std::shared_ptr<TaskHandle> const& handle) {
+  if (!handle) {
+    return;
+  }
+  std::shared_future<void> done = handle->getFuture();
+  if (done.valid()) {
+    done.wait();
+  }
+}
