@@ -1,0 +1,22 @@
+# Fails when the shared library exports anything beyond its interface: getInstance and the type
+# information of the two interfaces. Run as: cmake -DLIBRARY=<path> -P CheckExports.cmake
+execute_process(COMMAND nm -D --defined-only -C "${LIBRARY}"
+                OUTPUT_VARIABLE symbols RESULT_VARIABLE status)
+if(NOT status EQUAL 0)
+  message(FATAL_ERROR "nm failed on ${LIBRARY}")
+endif()
+string(REPLACE "\n" ";" lines "${symbols}")
+set(exported 0)
+foreach(line IN LISTS lines)
+  if(line STREQUAL "")
+    continue()
+  endif()
+  string(REGEX REPLACE "^[0-9a-f]+ [A-Za-z] " "" name "${line}")
+  if(NOT name MATCHES "^(NSCam::v3::Utils::IGainMapBufPoolManager::getInstance\\(\\)|typeinfo (name )?for NSCam::v3::Utils::IGainMapBufPool(Manager)?)$")
+    message(FATAL_ERROR "exported beyond the interface: ${name}")
+  endif()
+  math(EXPR exported "${exported} + 1")
+endforeach()
+if(NOT exported EQUAL 5)
+  message(FATAL_ERROR "expected 5 exported symbols, found ${exported}")
+endif()
