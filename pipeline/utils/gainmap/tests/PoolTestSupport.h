@@ -1,0 +1,239 @@
+#pragma once
+
+// Shared fixture of the pool tests: opens every log gate towards the logger sink, records what
+// the pool logs, and puts the platform's globals back after each test.
+
+#include <gtest/gtest.h>
+
+#include <cstdarg>
+#include <cstdint>
+#include <cstdio>
+#include <memory>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+#include "GainMapBufPoolImp.h"
+#include "HostPlatform.h"
+#include "camsys/ULog.h"
+
+namespace gainmap_test {
+
+using Pool = GainMapBufPoolImp;
+using SlotImp = GainMapBufPoolImp::BufSlotImp;
+using SlotPtr = std::shared_ptr<NSCam::v3::Utils::IGainMapBufPool::BufSlot>;
+using PoolParameters = GainMapBufPoolImp::PoolParameters;
+using NSCam::MSize;
+
+constexpr char kDebugProperty[] = "vendor.debug.camera.log.pipeline.gainmap";
+constexpr char kDumpHeader[] = "(p, c, validSize, key, buffers.size()): {";
+
+// Logger-sink levels of the message classes.
+constexpr int kError = 1;
+constexpr int kWarning = 2;
+constexpr int kInfo = 3;
+constexpr int kDebug = 5;
+
+// Bytes of one 576-pixel row at 8 bits, and of the gain maps of common sensor sizes.
+constexpr size_t kStride8 = 576;
+constexpr size_t kMap4x3Bytes = 432 * kStride8;   // 4000x3000
+constexpr size_t kMap16x9Bytes = 324 * kStride8;  // 4000x2250
+
+inline std::string printed(char const* format, ...) __attribute__((format(printf, 1, 2)));
+inline std::string printed(char const* format, ...) {
+  char text[1024];
+  va_list args;
+  va_start(args, format);
+  std::vsnprintf(text, sizeof(text), format, args);
+  va_end(args);
+  return text;
+}
+
+inline PoolParameters poolParams(std::unordered_map<uint32_t, MSize> sizes, uint32_t batchSize,
+                                 uint32_t slotCount, int32_t sensorId = 3, int32_t uniKey = 77) {
+  PoolParameters params;
+  params.sensorId = sensorId;
+  params.sensorSizes = std::move(sizes);
+  params.batchSize = batchSize;
+  params.slotCount = slotCount;
+  params.uniKey = uniKey;
+  return params;
+}
+
+// A single 4:3 sensor mode: gain maps of 576x432.
+inline PoolParameters fourByThree(uint32_t batchSize, uint32_t slotCount) {
+  return poolParams({{0, MSize(4000, 3000)}}, batchSize, slotCount);
+}
+
+// A slot's bookkeeping, read under its lock.
+struct SlotState {
+  int32_t index;
+  bool producerUser;
+  size_t consumerUserCount;
+  int64_t key;
+  int32_t validSize;
+  size_t buffers;
+  size_t sizeKeys;
+  bool useSizeMap;
+  bool ready;
+};
+
+inline SlotState stateOf(SlotPtr const& slot) {
+  auto imp = std::static_pointer_cast<SlotImp>(slot);
+  gainmap::MutexLocker lock(imp->lock);
+  return {imp->index,       imp->producerUser,   imp->consumerUserCount,    imp->key,
+          imp->validSize,   imp->buffers.size(), imp->buffersBySize.size(), imp->useSizeMap,
+          imp->ready.load()};
+}
+
+// The slot's batch as it stands, read under the slot's lock: the pool's queue may fill the batch
+// of a slot whose buffers were freed while a client holds it.
+inline std::vector<std::shared_ptr<qcam::IImageBuffer>> buffersOf(SlotPtr const& slot) {
+  auto imp = std::static_pointer_cast<SlotImp>(slot);
+  gainmap::MutexLocker lock(imp->lock);
+  return imp->buffers;
+}
+
+inline uint8_t* bytesOf(std::shared_ptr<qcam::IImageBuffer> const& buffer) {
+  return reinterpret_cast<uint8_t*>(buffer->getBufVA(0));
+}
+
+class PoolTest : public ::testing::Test {
+ protected:
+  using ULogger = NSCam::Utils::ULog::ULogger;
+
+  void SetUp() override {
+    mSavedLevel = ULogger::sDetailsLevel;
+    mSavedMask = ULogger::sNormalDetailsMask;
+    mSavedMode = ULogger::sMode;
+    ULogger::sDetailsLevel = 5;
+    ULogger::sNormalDetailsMask |= 0x201000;
+    ULogger::sMode = 0x2;
+    qelcam::host::setGainMapFormats({qelcam::host::kFormatGainMap8});
+    mCapture = std::make_unique<qelcam::host::LogCapture>();
+    mBaseline = qelcam::host::heapStats();
+  }
+
+  void TearDown() override {
+    if (mHeld) {
+      qelcam::host::releaseQueues();
+    }
+    qelcam::host::waitQueuesIdle();
+    mCapture.reset();
+    qelcam::host::clearProperty(kDebugProperty);
+    qelcam::host::setGainMapFormats({qelcam::host::kFormatGainMap8});
+    qelcam::host::failHeapCreates(0);
+    qelcam::host::failLockBufAt(-1);
+    ULogger::sDetailsLevel = mSavedLevel;
+    ULogger::sNormalDetailsMask = mSavedMask;
+    ULogger::sMode = mSavedMode;
+  }
+
+  // The pool once its creation task has run.
+  std::shared_ptr<Pool> createdPool(PoolParameters const& params, bool laggingAlloc = false) {
+    auto pool = std::make_shared<Pool>(params, laggingAlloc);
+    qelcam::host::waitQueuesIdle();
+    return pool;
+  }
+
+  void verbose() { qelcam::host::setProperty(kDebugProperty, "1"); }
+
+  void hold() {
+    qelcam::host::holdQueues();
+    mHeld = true;
+  }
+  void release() {
+    mHeld = false;
+    qelcam::host::releaseQueues();
+  }
+
+  std::vector<qelcam::host::LogRecord> logs() const {
+    std::vector<qelcam::host::LogRecord> out;
+    for (auto& record : mCapture->records()) {
+      if (record.sink == qelcam::host::LogRecord::Sink::Logger) {
+        out.push_back(record);
+      }
+    }
+    return out;
+  }
+  void clearLogs() { mCapture->clear(); }
+
+  int count(std::string const& text, int level) const {
+    int n = 0;
+    for (auto& record : logs()) {
+      n += record.text == text && record.level == level ? 1 : 0;
+    }
+    return n;
+  }
+  int countContaining(std::string const& piece) const {
+    int n = 0;
+    for (auto& record : logs()) {
+      n += record.text.find(piece) != std::string::npos ? 1 : 0;
+    }
+    return n;
+  }
+  bool logged(std::string const& text, int level) const { return count(text, level) > 0; }
+  // Position of the first record with this text, or -1.
+  long positionOf(std::string const& text) const {
+    auto records = logs();
+    for (size_t i = 0; i < records.size(); ++i) {
+      if (records[i].text == text) {
+        return static_cast<long>(i);
+      }
+    }
+    return -1;
+  }
+
+  // The dump lines logged since the last clear, without their "[dump] " head.
+  std::vector<std::string> dumps() const {
+    std::vector<std::string> out;
+    for (auto& record : logs()) {
+      if (record.text.rfind("[dump] ", 0) == 0) {
+        EXPECT_EQ(record.level, kDebug);
+        out.push_back(record.text.substr(7));
+      }
+    }
+    return out;
+  }
+  std::string lastDump() const {
+    auto all = dumps();
+    return all.empty() ? std::string() : all.back();
+  }
+  std::string dumpNow(Pool& pool) {
+    pool.dump();
+    return lastDump();
+  }
+
+  uint64_t heapsAdded() const {
+    return qelcam::host::heapStats().heapsAlive - mBaseline.heapsAlive;
+  }
+  uint64_t bytesAdded() const {
+    return qelcam::host::heapStats().bytesAlive - mBaseline.bytesAlive;
+  }
+  uint64_t lockedAdded() const {
+    return qelcam::host::heapStats().buffersLocked - mBaseline.buffersLocked;
+  }
+
+  // Takes the next slot and hands it back stamped with `key`; the slot's index.
+  int produce(Pool& pool, int64_t key) {
+    auto slot = pool.getProducerBuffer();
+    EXPECT_TRUE(slot) << "no slot for frame " << key;
+    if (!slot) {
+      return -1;
+    }
+    int validSize = static_cast<int>(slot->buffers.size());
+    EXPECT_EQ(pool.setProducerBuffer(key, validSize, slot), 0);
+    return slot->index;
+  }
+
+  qelcam::host::HeapStats mBaseline{};
+
+ private:
+  std::unique_ptr<qelcam::host::LogCapture> mCapture;
+  uint32_t mSavedLevel = 0;
+  uint32_t mSavedMask = 0;
+  uint32_t mSavedMode = 0;
+  bool mHeld = false;
+};
+
+}  // namespace gainmap_test
