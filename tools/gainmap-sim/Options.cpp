@@ -68,6 +68,10 @@ bool parseSize(std::string const& text, NSCam::MSize& size, std::string& error) 
       !parseInteger(text.substr(x + 1), 1, kMaxSensorSide, "height", h, error)) {
     return false;
   }
+  if (h * kGainMapWidth / w == 0) {
+    error = "size " + text + " is too flat: its gain map would have no rows";
+    return false;
+  }
   if (h * kGainMapWidth / w > kMaxGainMapRows) {
     error = "size " + text + " is too tall: its gain map would exceed " +
             std::to_string(kMaxGainMapRows) + " rows";
@@ -343,7 +347,8 @@ options:
   --sensor SPEC         a sensor; repeat for more; replaces the default sensors
   --seed N              seed of the hold times (default 1)
   --quiet               no progress line on stderr
-  --library-log         let the library's own log lines through to stderr
+  --library-log         let the library's own log lines through to stderr (they also pass
+                        when QELCAM_ULOG_MODE is set in the environment)
   -h, --help            this text
 
 SPEC: id=ID,modes=MODE:WxH[/MODE:WxH...][,batch=1-8][,slots=1-16][,lagging=0|1]

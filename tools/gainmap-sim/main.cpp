@@ -1,4 +1,5 @@
 #include <cstdio>
+#include <cstdlib>
 #include <iostream>
 #include <string>
 #include <vector>
@@ -19,8 +20,9 @@ int main(int argc, char** argv) {
     std::fprintf(stderr, "gainmap-sim: %s (see --help)\n", parsed.error.c_str());
     return 2;
   }
-  // Refusals are part of the run; the library would log each one with a dump of the pool.
-  if (!parsed.options.libraryLog) {
+  // Refusals are part of the run and the library logs each one, so its lines stay out unless
+  // asked for, by option or by choosing the logger's mode in the environment.
+  if (!parsed.options.libraryLog && std::getenv("QELCAM_ULOG_MODE") == nullptr) {
     NSCam::Utils::ULog::ULogger::sMode = 0;
   }
   auto report = gainmapsim::runSimulation(parsed.options);

@@ -128,6 +128,7 @@ TEST(GainMapSim, BadOptionsAreRefusedWithAClearMessageAndStatusTwo) {
       {"--sensor id=0,modes=4000x3000", "mode '4000x3000' is not MODE:WIDTHxHEIGHT"},
       {"--sensor id=0,modes=0:0x3000", "width: 0 is out of range [1, 16384]"},
       {"--sensor id=0,modes=0:16x16384", "size 16x16384 is too tall"},
+      {"--sensor id=0,modes=0:1152x1", "size 1152x1 is too flat"},
       {"--sensor id=0,modes=0:4000x3000/0:3264x2448", "mode 0 is given twice"},
       {"--sensor id=0,modes=0:4000x3000,color=red", "unknown sensor field 'color'"},
       {"--sensor id=0,id=1,modes=0:4000x3000", "field 'id' is given twice"},
