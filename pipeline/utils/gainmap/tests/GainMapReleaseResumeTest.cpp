@@ -170,7 +170,9 @@ TEST_F(GainMapReleaseResumeTest, MultiModeResumeAllocatesEverySlotButKeepsTheSiz
 
   EXPECT_EQ(pool->setPoolReleased(), 0);
   qelcam::host::waitQueuesIdle();
+  // The idle slot's buffers of both sizes were unlocked and dropped.
   EXPECT_EQ(heapsAdded(), 1u);
+  EXPECT_EQ(lockedAdded(), 2u);
   EXPECT_EQ(pool->setPoolResume(), 0);
   qelcam::host::waitQueuesIdle();
 
@@ -209,14 +211,22 @@ TEST_F(GainMapReleaseResumeTest, LaggingAllocationTakesMemoryOnTheFirstResume) {
 TEST_F(GainMapReleaseResumeTest, ReleaseWaitsForACreationStillOnTheQueue) {
   hold();
   auto pool = std::make_shared<Pool>(fourByThree(2, 3), false);
-  auto released = std::async(std::launch::async, [&pool] { return pool->setPoolReleased(); });
+  std::promise<void> calling;
+  auto released = std::async(std::launch::async, [&] {
+    calling.set_value();
+    int status = pool->setPoolReleased();
+    // What the log held at the moment the release returned.
+    return std::make_pair(status, logged("[operator()] [s:3] async create pool done", kDebug));
+  });
+  calling.get_future().wait();
   EXPECT_EQ(released.wait_for(std::chrono::seconds(0)), std::future_status::timeout);
   EXPECT_EQ(heapsAdded(), 0u);
 
   release();
-  EXPECT_EQ(released.get(), 0);
-  // By the time the release returned, the creation had run to its end, dump included.
-  EXPECT_TRUE(logged("[operator()] [s:3] async create pool done", kDebug));
+  auto [status, createdFirst] = released.get();
+  EXPECT_EQ(status, 0);
+  // The creation had run to its end, dump included, before the release returned.
+  EXPECT_TRUE(createdFirst);
   EXPECT_EQ(dumps().size(), 1u);
   EXPECT_TRUE(logged("[operator()] Wait for CTM createPool/resumePool done", kDebug));
 
