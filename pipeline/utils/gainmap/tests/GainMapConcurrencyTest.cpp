@@ -217,7 +217,9 @@ TEST_F(GainMapConcurrencyTest, FramesFlowWhileThePoolIsReleasedAndResumedUnderne
   EXPECT_EQ(pulledFromReaders.load(), 0);
   EXPECT_GT(intact.load(), 0);
 
-  // Every slot is free; the rotation holds its buffers and nothing beyond it does.
+  // Every slot is free and holds a whole batch or nothing, and the memory alive is exactly that of
+  // the slots holding a batch. (A slot held while a resume passed it and returned before the
+  // resume ended is freed by its last user, so even the rotation may have slots without memory.)
   std::string dump = dumpNow(*pool);
   std::smatch match;
   ASSERT_TRUE(std::regex_match(dump, match,
@@ -228,24 +230,17 @@ TEST_F(GainMapConcurrencyTest, FramesFlowWhileThePoolIsReleasedAndResumedUnderne
   std::regex item("\\[(\\d+)\\]: \\((\\d+), (\\d+), (-?\\d+), (-?\\d+), (\\d+)\\), ");
   size_t slots = 0;
   size_t withBuffers = 0;
-  bool gap = false;
   for (auto it = std::sregex_iterator(items.begin(), items.end(), item);
        it != std::sregex_iterator(); ++it) {
     auto const& m = *it;
     EXPECT_EQ(std::stoul(m[1]), slots);
     EXPECT_EQ(m[2], "0") << m[0];
     EXPECT_EQ(m[3], "0") << m[0];
-    if (m[6] == "2") {
-      EXPECT_FALSE(gap) << "a slot with buffers after one without: " << dump;
-      ++withBuffers;
-    } else {
-      EXPECT_EQ(m[6], "0") << m[0];
-      gap = true;
-    }
+    EXPECT_TRUE(m[6] == "2" || m[6] == "0") << m[0];
+    withBuffers += m[6] == "2" ? 1 : 0;
     ++slots;
   }
   EXPECT_EQ(slots, 6u);
-  EXPECT_GE(withBuffers, 3u);
   EXPECT_EQ(heapsAdded(), withBuffers);
   EXPECT_EQ(lockedAdded(), 2 * withBuffers);
 
