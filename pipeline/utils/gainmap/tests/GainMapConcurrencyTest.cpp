@@ -7,7 +7,6 @@
 #include <deque>
 #include <mutex>
 #include <optional>
-#include <regex>
 #include <thread>
 
 #include "PoolTestSupport.h"
@@ -220,26 +219,32 @@ TEST_F(GainMapConcurrencyTest, FramesFlowWhileThePoolIsReleasedAndResumedUnderne
   // Every slot is free and holds a whole batch or nothing, and the memory alive is exactly that of
   // the slots holding a batch. (A slot held while a resume passed it and returned before the
   // resume ended is freed by its last user, so even the rotation may have slots without memory.)
-  std::string dump = dumpNow(*pool);
-  std::smatch match;
-  ASSERT_TRUE(std::regex_match(dump, match,
-                               std::regex("\\[s:3\\] released\\(0\\) \\(p, c, validSize, key, "
-                                          "buffers.size\\(\\)\\): \\{(.*)\\}")))
-      << dump;
-  std::string items = match[1];
-  std::regex item("\\[(\\d+)\\]: \\((\\d+), (\\d+), (-?\\d+), (-?\\d+), (\\d+)\\), ");
+  std::string const dump = dumpNow(*pool);
+  std::string const head = std::string("[s:3] released(0) ") + kDumpHeader;
+  ASSERT_EQ(dump.rfind(head, 0), 0u) << dump;
   size_t slots = 0;
   size_t withBuffers = 0;
-  for (auto it = std::sregex_iterator(items.begin(), items.end(), item);
-       it != std::sregex_iterator(); ++it) {
-    auto const& m = *it;
-    EXPECT_EQ(std::stoul(m[1]), slots);
-    EXPECT_EQ(m[2], "0") << m[0];
-    EXPECT_EQ(m[3], "0") << m[0];
-    EXPECT_TRUE(m[6] == "2" || m[6] == "0") << m[0];
-    withBuffers += m[6] == "2" ? 1 : 0;
+  char const* item = dump.c_str() + head.size();
+  int index = 0;
+  int producerUser = 0;
+  size_t consumerUsers = 0;
+  int validSize = 0;
+  long key = 0;
+  size_t buffers = 0;
+  int used = 0;
+  while (std::sscanf(item, "[%d]: (%d, %zu, %d, %ld, %zu), %n", &index, &producerUser,
+                     &consumerUsers, &validSize, &key, &buffers, &used) == 6 &&
+         used > 0) {
+    EXPECT_EQ(index, static_cast<int>(slots));
+    EXPECT_EQ(producerUser, 0) << "slot " << index;
+    EXPECT_EQ(consumerUsers, 0u) << "slot " << index;
+    EXPECT_TRUE(buffers == 2 || buffers == 0) << "slot " << index;
+    withBuffers += buffers == 2 ? 1 : 0;
     ++slots;
+    item += used;
+    used = 0;
   }
+  EXPECT_STREQ(item, "}") << dump;
   EXPECT_EQ(slots, 6u);
   EXPECT_EQ(heapsAdded(), withBuffers);
   EXPECT_EQ(lockedAdded(), 2 * withBuffers);
