@@ -333,12 +333,7 @@ std::shared_ptr<GainMapBufPoolImp::BufSlot> GainMapBufPoolImp::getProducerBuffer
 }
 
 std::shared_ptr<GainMapBufPoolImp::BufSlot> GainMapBufPoolImp::onGetProducerBuffer() {
-  if (!mbInitialized.load(kAcquire)) {
-    GMP_LOGW("[%s] [s:%d] pool has not been initialized", mSensorId);
-    return nullptr;
-  }
-  if (mbReleased.load(kAcquire)) {
-    GMP_LOGE("[%s] [s:%d] pool has been marked released", mSensorId);
+  if (!isLending(__func__)) {
     return nullptr;
   }
   if (mSlotCount.load(kAcquire) == 0) {
@@ -445,12 +440,7 @@ std::shared_ptr<GainMapBufPoolImp::BufSlot> GainMapBufPoolImp::getConsumerBuffer
 std::shared_ptr<GainMapBufPoolImp::BufSlot> GainMapBufPoolImp::onGetConsumerBuffer(long const& key,
                                                                                    int index) {
   GMP_LOGVD(this, "[%s] index: %d, key: %ld", index, key);
-  if (!mbInitialized.load(kAcquire)) {
-    GMP_LOGW("[%s] [s:%d] pool has not been initialized", mSensorId);
-    return nullptr;
-  }
-  if (mbReleased.load(kAcquire)) {
-    GMP_LOGE("[%s] [s:%d] pool has been marked released", mSensorId);
+  if (!isLending(__func__)) {
     return nullptr;
   }
   if (index < 0 || static_cast<uint32_t>(index) >= mSlotCount.load(kAcquire)) {
@@ -517,6 +507,19 @@ int GainMapBufPoolImp::onSetConsumerBuffer(std::shared_ptr<BufSlot> slot) {
   GMP_LOGVD(this, "[%s] [s:%d][i:%d] slot:%p, size:%zu, c:%zu", mSensorId, slot->index,
             static_cast<void*>(slot.get()), slot->buffers.size(), own->consumerUserCount);
   return 0;
+}
+
+bool GainMapBufPoolImp::isLending(char const* func) {
+  // Neither waits: a producer or consumer early or late is refused at once.
+  if (!mbInitialized.load(kAcquire)) {
+    GMP_LOGW_AS(func, "[%s] [s:%d] pool has not been initialized", mSensorId);
+    return false;
+  }
+  if (mbReleased.load(kAcquire)) {
+    GMP_LOGE_AS(func, "[%s] [s:%d] pool has been marked released", mSensorId);
+    return false;
+  }
+  return true;
 }
 
 std::shared_ptr<GainMapBufPoolImp::BufSlotImp> GainMapBufPoolImp::slotToReturn(char const* func,

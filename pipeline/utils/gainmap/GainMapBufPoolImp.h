@@ -67,6 +67,8 @@ class GainMapBufPoolImp : public NSCam::v3::Utils::IGainMapBufPool {
   std::shared_ptr<BufSlot> onGetConsumerBuffer(long const& key, int index);
   int onSetConsumerBuffer(std::shared_ptr<BufSlot> slot);
 
+  // Whether the pool lends slots now; logs why not as `func`.
+  bool isLending(char const* func);
   // The pool's own slot at `index` for a returning user, or empty (logged as `func`) when the
   // index is outside the rotation or the slots do not exist yet.
   std::shared_ptr<BufSlotImp> slotToReturn(char const* func, int index);
