@@ -344,14 +344,14 @@ options:
   --hold MIN-MAX        how long a consumer holds a slot, in ms, 0-10000 (default 40-120)
   --release-period MS   release every pool this often, 0 = never (default 2000)
   --release-time MS     how long a pool stays released (default 200)
-  --sensor SPEC         a sensor; repeat for more; replaces the default sensors
+  --sensor DESC         a sensor; repeat for more; replaces the default sensors
   --seed N              seed of the hold times (default 1)
   --quiet               no progress line on stderr
   --library-log         let the library's own log lines through to stderr (they also pass
                         when QELCAM_ULOG_MODE is set in the environment)
   -h, --help            this text
 
-SPEC: id=ID,modes=MODE:WxH[/MODE:WxH...][,batch=1-8][,slots=1-16][,lagging=0|1]
+DESC: id=ID,modes=MODE:WxH[/MODE:WxH...][,batch=1-8][,slots=1-16][,lagging=0|1]
   e.g. --sensor id=0,modes=0:4000x3000/1:4000x2250,batch=2,slots=3,lagging=0
   batch defaults to 1, slots to 3, lagging to 0.
 

@@ -8,6 +8,7 @@
 #include "GainMapBufPoolImp.h"
 
 #include <sstream>
+#include <tuple>
 
 #include "GainMapLog.h"
 #include "camsys/Format.h"

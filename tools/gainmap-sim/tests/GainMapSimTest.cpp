@@ -154,7 +154,7 @@ TEST(GainMapSim, HelpPrintsTheUsageAndRunsNothing) {
   ASSERT_TRUE(run.exited);
   EXPECT_EQ(run.status, 0);
   EXPECT_EQ(run.output.rfind("usage: gainmap-sim [options]", 0), 0u) << run.output;
-  EXPECT_NE(run.output.find("--sensor SPEC"), std::string::npos) << run.output;
+  EXPECT_NE(run.output.find("--sensor DESC"), std::string::npos) << run.output;
   EXPECT_EQ(run.output.find("frames produced"), std::string::npos) << run.output;
 }
 
