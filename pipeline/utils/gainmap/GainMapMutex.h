@@ -16,7 +16,6 @@
 #define GMP_ACQUIRE(...) GMP_TSA(acquire_capability(__VA_ARGS__))
 #define GMP_RELEASE(...) GMP_TSA(release_capability(__VA_ARGS__))
 #define GMP_EXCLUDES(...) GMP_TSA(locks_excluded(__VA_ARGS__))
-#define GMP_ACQUIRED_AFTER(...) GMP_TSA(acquired_after(__VA_ARGS__))
 
 namespace gainmap {
 
