@@ -101,6 +101,9 @@ struct Sensor {
   std::atomic<uint64_t> releasesDone{0};
   std::mutex latestLock;
   Frame latest;  // guarded by latestLock
+  // The newest frame serial each consumer has tried; the producer waits a little for them, so
+  // that consumers hold slots the producer comes back to.
+  std::atomic<uint64_t> tried[kConsumersPerSensor] = {};
 };
 
 uint8_t fillByte(long key, size_t buffer) {
@@ -158,7 +161,7 @@ class Soak {
     for (size_t s = 0; s < mSensors.size(); ++s) {
       threads.emplace_back([this, s] { produce(*mSensors[s]); });
       for (int c = 0; c < kConsumersPerSensor; ++c) {
-        threads.emplace_back([this, s, c] { consume(*mSensors[s], mSeed * 31 + s * 7 + c); });
+        threads.emplace_back([this, s, c] { consume(*mSensors[s], c, mSeed * 31 + s * 7 + c); });
       }
     }
     threads.emplace_back([this] { churn(); });
@@ -213,6 +216,7 @@ class Soak {
         // The frame's gain map goes into the view of its sensor size; consumers cannot borrow
         // such slots (their `buffers` is empty), so the producer is the only reader here.
         writeSizeViews(*slot, key);
+        std::this_thread::yield();
       }
       int const status = pool->setProducerBuffer(key, static_cast<int>(written), slot);
       if (status != 0) {
@@ -221,10 +225,28 @@ class Soak {
       }
       ++mCounters.framesProduced;
       if (sensor.singleMode && written > 0) {
-        std::lock_guard<std::mutex> lock(sensor.latestLock);
-        sensor.latest =
-            Frame{pool, key, slot->index, written, doneAtStart, sensor.latest.serial + 1};
+        uint64_t serial = 0;
+        {
+          std::lock_guard<std::mutex> lock(sensor.latestLock);
+          serial = sensor.latest.serial + 1;
+          sensor.latest = Frame{pool, key, slot->index, written, doneAtStart, serial};
+        }
+        waitForConsumers(sensor, serial);
       }
+    }
+  }
+
+  // Paces the producer, never decides anything: it goes on after a bounded number of turns.
+  void waitForConsumers(Sensor& sensor, uint64_t serial) {
+    for (int turn = 0; turn < 2000 && running(); ++turn) {
+      bool all = true;
+      for (auto const& tried : sensor.tried) {
+        all = all && tried.load() >= serial;
+      }
+      if (all) {
+        return;
+      }
+      std::this_thread::yield();
     }
   }
 
@@ -250,7 +272,7 @@ class Soak {
     }
   }
 
-  void consume(Sensor& sensor, uint64_t seed) {
+  void consume(Sensor& sensor, int consumer, uint64_t seed) {
     std::minstd_rand random(static_cast<std::minstd_rand::result_type>(seed));
     uint64_t lastSerial = 0;
     while (running()) {
@@ -265,6 +287,7 @@ class Soak {
       }
       lastSerial = frame.serial;
       auto slot = frame.pool->getConsumerBuffer(frame.key, frame.index);
+      sensor.tried[consumer].store(frame.serial);
       if (!slot) {
         continue;
       }
