@@ -462,7 +462,7 @@ std::string ModelDriver::getConsumerBuffer(Lines& expected) {
   SlotModel const* target = model.slot(index);
   long key = target != nullptr ? static_cast<long>(target->key) : mLastKey;
   if (choice == 7) {
-    key += 1;
+    key ^= 1;
   }
   std::shared_ptr<BufSlot> slot = heldCall([&] { return pool->getConsumerBuffer(key, index); });
   int const lent = model.getConsumerBuffer(key, index, expected);
