@@ -7,12 +7,17 @@
 // every pool, and its choices come from (seed, episode number) alone, so one episode replays on
 // its own with --from-episode.
 
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <iostream>
+#include <mutex>
 #include <string>
+#include <thread>
 
 #include "ModelDriver.h"
 
@@ -55,6 +60,64 @@ uint64_t episodeSeed(uint64_t seed, uint64_t episode) {
   return seed * 0x100000001b3ull + episode;
 }
 
+// Turns a step that never returns (a deadlock in the library) into a failure that says where.
+class Watchdog {
+ public:
+  static constexpr std::chrono::seconds kPatience{120};
+
+  Watchdog(uint64_t seed, char const* program) : mSeed(seed), mProgram(program) {
+    mThread = std::thread([this] { watch(); });
+  }
+  ~Watchdog() {
+    {
+      std::lock_guard<std::mutex> lock(mLock);
+      mDone = true;
+    }
+    mChanged.notify_all();
+    mThread.join();
+  }
+
+  void at(uint64_t episode, uint64_t step) {
+    mEpisode.store(episode, std::memory_order_relaxed);
+    mStep.store(step, std::memory_order_relaxed);
+    mTicks.fetch_add(1, std::memory_order_relaxed);
+  }
+
+ private:
+  void watch() {
+    std::unique_lock<std::mutex> lock(mLock);
+    uint64_t seen = mTicks.load(std::memory_order_relaxed);
+    while (!mChanged.wait_for(lock, kPatience, [this] { return mDone; })) {
+      uint64_t const now = mTicks.load(std::memory_order_relaxed);
+      if (now == seen) {
+        std::fprintf(stderr,
+                     "gainmap_model: a step has not returned for %lld s\n"
+                     "seed %llu, episode %llu, step %llu\n"
+                     "replay: %s --seed %llu --from-episode %llu --trace\n",
+                     static_cast<long long>(kPatience.count()),
+                     static_cast<unsigned long long>(mSeed),
+                     static_cast<unsigned long long>(mEpisode.load()),
+                     static_cast<unsigned long long>(mStep.load()), mProgram,
+                     static_cast<unsigned long long>(mSeed),
+                     static_cast<unsigned long long>(mEpisode.load()));
+        std::abort();
+      }
+      seen = now;
+    }
+  }
+
+  uint64_t const mSeed;
+  char const* const mProgram;
+  // Read only to report a hang; relaxed is enough for a number that is printed.
+  std::atomic<uint64_t> mEpisode{0};
+  std::atomic<uint64_t> mStep{0};
+  std::atomic<uint64_t> mTicks{0};
+  std::mutex mLock;
+  std::condition_variable mChanged;
+  bool mDone = false;  // guarded by mLock
+  std::thread mThread;
+};
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -65,6 +128,7 @@ int main(int argc, char** argv) {
                  argv[0]);
     return 2;
   }
+  Watchdog watchdog(options.seed, argv[0]);
   uint64_t done = 0;
   for (uint64_t episode = options.fromEpisode; done < options.steps; ++episode) {
     gainmap_model::SeededSource source(episodeSeed(options.seed, episode));
@@ -72,8 +136,10 @@ int main(int argc, char** argv) {
     uint64_t const length = std::min(options.episode, options.steps - done);
     bool ok = true;
     while (ok && driver.steps() < length) {
+      watchdog.at(episode, driver.steps() + 1);
       ok = driver.step();
     }
+    watchdog.at(episode, length + 1);
     ok = ok && driver.finish();
     if (!ok) {
       std::fprintf(

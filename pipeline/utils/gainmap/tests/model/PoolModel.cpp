@@ -373,6 +373,11 @@ void PoolModel::allocSlotBuffers(SlotModel& slot, int index, Lines& out) {
   // Sizes already in the per-size map keep their buffers; the new heap then goes at once, with
   // the batches nobody kept.
   bool const keepsOld = slot.useSizeMap && slot.sizeKeys != 0;
+  if (slot.useSizeMap) {
+    mDroppedLocked += lockedPerBatch * (modes - (keepsOld ? 0 : mGeometry.distinctSizes));
+  } else {
+    mDroppedLocked += slot.lockedBuffers;
+  }
   if (!keepsOld) {
     slot.buffers = slot.useSizeMap ? 0 : batch;
     slot.sizeKeys = slot.useSizeMap ? mGeometry.distinctSizes : 0;
@@ -429,7 +434,7 @@ void PoolModel::destroy(Lines& out) {
   // The pool lets go of its slots; only those a client holds live on.
   for (SlotModel& slot : mSlots) {
     if (slot.clientRefs == 0) {
-      releaseSlotBuffers(slot);
+      dropSlotObject(slot);
     }
   }
   mDestroyed = true;
@@ -455,12 +460,18 @@ void PoolModel::dropSlotRef(int index) {
   SlotModel& slot = mSlots.at(index);
   --slot.clientRefs;
   if (mDestroyed && slot.clientRefs == 0) {
-    releaseSlotBuffers(slot);
+    dropSlotObject(slot);
   }
+}
+
+void PoolModel::dropSlotObject(SlotModel& slot) {
+  mDroppedLocked += slot.lockedBuffers;
+  releaseSlotBuffers(slot);
 }
 
 void PoolModel::addHeaps(HeapTotals& totals) const {
   totals.heapsCreated += mHeapsCreated;
+  totals.droppedLocked += mDroppedLocked;
   for (SlotModel const& slot : mSlots) {
     if (slot.hasMemory) {
       ++totals.heapsAlive;
@@ -592,6 +603,7 @@ void WorldModel::pruneGone() {
   for (auto entry = mPools.begin(); entry != mPools.end();) {
     if (entry->second.model->gone()) {
       mHeapsCreatedByGone += entry->second.model->heapsCreated();
+      mDroppedLockedByGone += entry->second.model->droppedLocked();
       entry = mPools.erase(entry);
     } else {
       ++entry;
@@ -607,27 +619,14 @@ void WorldModel::runQueued(Lines& out) {
   }
 }
 
-bool WorldModel::hasQueuedWork() const {
-  for (auto const& [id, entry] : mPools) {
-    if (entry.model->hasQueuedWork()) {
-      return true;
-    }
-  }
-  return false;
-}
-
 HeapTotals WorldModel::heaps() const {
   HeapTotals totals;
   totals.heapsCreated = mHeapsCreatedByGone;
+  totals.droppedLocked = mDroppedLockedByGone;
   for (auto const& [id, entry] : mPools) {
     entry.model->addHeaps(totals);
   }
   return totals;
-}
-
-bool WorldModel::exists(int poolId) const {
-  auto entry = mPools.find(poolId);
-  return entry != mPools.end() && !entry->second.model->destroyed();
 }
 
 bool WorldModel::inManager(int poolId) const {
@@ -637,14 +636,6 @@ bool WorldModel::inManager(int poolId) const {
     }
   }
   return false;
-}
-
-std::vector<int> WorldModel::poolsInManager() const {
-  std::vector<int> ids;
-  for (auto const& [sensor, id] : mBySensor) {
-    ids.push_back(id);
-  }
-  return ids;
 }
 
 std::vector<int> WorldModel::poolsOutsideManager() const {

@@ -89,6 +89,9 @@ struct HeapTotals {
   uint64_t heapsAlive = 0;
   uint64_t bytesAlive = 0;
   uint64_t buffersLocked = 0;
+  // Buffers dropped while still locked: the batches a per-size map did not keep, and per-size
+  // batches going with their slot object.
+  uint64_t droppedLocked = 0;
 };
 
 class PoolModel {
@@ -109,29 +112,24 @@ class PoolModel {
 
   // Runs every queued step, in posting order.
   void runQueued(Lines& out);
-  bool hasQueuedWork() const { return !mQueue.empty(); }
   // The last reference went: drain, free, report busy slots, drop the slots.
   void destroy(Lines& out);
   bool destroyed() const { return mDestroyed; }
   // Neither the pool nor any client holds anything of it any more.
   bool gone() const;
 
-  int32_t sensorId() const { return mSensorId; }
   int32_t uniKey() const { return mUniKey; }
   uint32_t maxSlotCount() const { return mMaxSlotCount; }
   uint32_t slotCount() const { return mSlotCount; }
-  bool initialized() const { return mInitialized; }
-  bool released() const { return mReleased; }
   bool workable() const { return mGeometry.problems.empty(); }
   Geometry const& geometry() const { return mGeometry; }
-  // Slot objects exist once the creation step has run (and until destruction).
-  std::vector<SlotModel> const& slots() const { return mSlots; }
   SlotModel* slot(int index);
 
   void addSlotRef(int index);
   void dropSlotRef(int index);
   void addHeaps(HeapTotals& totals) const;
   uint64_t heapsCreated() const { return mHeapsCreated; }
+  uint64_t droppedLocked() const { return mDroppedLocked; }
 
  private:
   enum class Step { Create, PreAlloc, Release, Resume };
@@ -146,6 +144,8 @@ class PoolModel {
   void runResume(Lines& out);
   void allocSlotBuffers(SlotModel& slot, int index, Lines& out);
   static void releaseSlotBuffers(SlotModel& slot);
+  // The slot object goes; a per-size batch goes with it without being unlocked.
+  void dropSlotObject(SlotModel& slot);
   int preAllocOneSlot(Lines& out);
   bool isLending(char const* func, Lines& out) const;
   // The pool's slot at `index` for a returning user, or null (logged).
@@ -167,6 +167,7 @@ class PoolModel {
   std::vector<SlotModel> mSlots;
   std::deque<Queued> mQueue;
   uint64_t mHeapsCreated = 0;
+  uint64_t mDroppedLocked = 0;
 };
 
 // The manager and every pool it made, with the references the client holds. Pools are named by
@@ -196,13 +197,10 @@ class WorldModel {
   void dropSlotRef(int poolId, int index);
 
   void runQueued(Lines& out);
-  bool hasQueuedWork() const;
   HeapTotals heaps() const;
 
   PoolModel& pool(int poolId) { return *mPools.at(poolId).model; }
-  bool exists(int poolId) const;
   bool inManager(int poolId) const;
-  std::vector<int> poolsInManager() const;
   // Live pools that only the client's references keep.
   std::vector<int> poolsOutsideManager() const;
 
@@ -220,6 +218,7 @@ class WorldModel {
   int mNextId = 0;
   // Heaps made by pools already forgotten.
   uint64_t mHeapsCreatedByGone = 0;
+  uint64_t mDroppedLockedByGone = 0;
 };
 
 }  // namespace gainmap_model

@@ -18,6 +18,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <future>
 #include <memory>
 #include <mutex>
 #include <random>
@@ -425,7 +426,14 @@ int main(int argc, char** argv) {
   NSCam::Utils::ULog::ULogger::sMode = 0;
   qelcam::host::HeapStats const before = qelcam::host::heapStats();
   Soak soak(seconds, seed);
-  soak.run();
+  // Threads that never finish (a deadlock in the library) end the run with a message.
+  auto finished = std::async(std::launch::async, [&soak] { soak.run(); });
+  if (finished.wait_for(std::chrono::duration<double>(seconds + 120)) !=
+      std::future_status::ready) {
+    std::fprintf(stderr, "gainmap_soak: the threads have not finished 120 s after the end\n");
+    std::abort();
+  }
+  finished.get();
   qelcam::host::HeapStats const after = qelcam::host::heapStats();
   Counters const& c = soak.counters();
   uint64_t const heapsLeft = after.heapsAlive - before.heapsAlive;
