@@ -129,6 +129,7 @@ int main(int argc, char** argv) {
     return 2;
   }
   Watchdog watchdog(options.seed, argv[0]);
+  gainmap_model::Tally tally;
   uint64_t done = 0;
   for (uint64_t episode = options.fromEpisode; done < options.steps; ++episode) {
     gainmap_model::SeededSource source(episodeSeed(options.seed, episode));
@@ -153,9 +154,24 @@ int main(int argc, char** argv) {
           static_cast<unsigned long long>(options.episode));
       return 1;
     }
+    tally += driver.tally();
     done += length;
   }
-  std::printf("gainmap_model: %llu steps from seed %llu match the model\n",
-              static_cast<unsigned long long>(done), static_cast<unsigned long long>(options.seed));
+  std::printf(
+      "gainmap_model: %llu steps from seed %llu match the model\n"
+      "  pools created %llu (unworkable %llu); steps with the queues held %llu\n"
+      "  producer: %llu lent, %llu refused, %llu handed back\n"
+      "  consumers: %llu lent, %llu refused, %llu handed back; returns refused %llu\n",
+      static_cast<unsigned long long>(done), static_cast<unsigned long long>(options.seed),
+      static_cast<unsigned long long>(tally.poolsCreated),
+      static_cast<unsigned long long>(tally.unworkablePools),
+      static_cast<unsigned long long>(tally.stepsHeld),
+      static_cast<unsigned long long>(tally.producerLends),
+      static_cast<unsigned long long>(tally.producerRefusals),
+      static_cast<unsigned long long>(tally.producerReturns),
+      static_cast<unsigned long long>(tally.consumerLends),
+      static_cast<unsigned long long>(tally.consumerRefusals),
+      static_cast<unsigned long long>(tally.consumerReturns),
+      static_cast<unsigned long long>(tally.refusedReturns));
   return 0;
 }

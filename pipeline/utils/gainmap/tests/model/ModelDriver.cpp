@@ -53,6 +53,20 @@ std::string describe(Lines const& lines) {
 
 }  // namespace
 
+Tally& Tally::operator+=(Tally const& other) {
+  poolsCreated += other.poolsCreated;
+  unworkablePools += other.unworkablePools;
+  producerLends += other.producerLends;
+  producerRefusals += other.producerRefusals;
+  producerReturns += other.producerReturns;
+  consumerLends += other.consumerLends;
+  consumerRefusals += other.consumerRefusals;
+  consumerReturns += other.consumerReturns;
+  refusedReturns += other.refusedReturns;
+  stepsHeld += other.stepsHeld;
+  return *this;
+}
+
 uint32_t SeededSource::below(uint32_t bound) {
   mState += 0x9e3779b97f4a7c15ull;
   uint64_t z = mState;
@@ -132,6 +146,7 @@ bool ModelDriver::step() {
   mCapture.clear();
   Lines expected;
   mOperation = perform(expected);
+  mTally.stepsHeld += mHeld ? 1 : 0;
   if (mTrace != nullptr) {
     *mTrace << "step " << mStep << ": " << mOperation << "\n";
   }
@@ -196,7 +211,7 @@ bool ModelDriver::finish() {
 
 std::string ModelDriver::perform(Lines& expected) {
   // Lending calls dominate, as in a camera pipeline; the rest keep the pools changing under them.
-  switch (mSource.below(20)) {
+  switch (mSource.below(24)) {
     case 0:
       return createPool(expected);
     case 1:
@@ -233,7 +248,7 @@ std::string ModelDriver::perform(Lines& expected) {
         return "manager dump";
       }
       return platformChange();
-    default: {
+    case 19: {
       PoolHandle* handle = pickPool();
       if (handle == nullptr) {
         return getPool(expected);
@@ -242,7 +257,39 @@ std::string ModelDriver::perform(Lines& expected) {
       mWorld.pool(handle->id).dump(expected);
       return "pool #" + std::to_string(handle->id) + " dump";
     }
+    default:
+      return frame(expected);
   }
+}
+
+std::string ModelDriver::frame(Lines& expected) {
+  PoolHandle* handle = pickPool();
+  if (handle == nullptr) {
+    return getPool(expected);
+  }
+  std::shared_ptr<IGainMapBufPool> pool = handle->pool;
+  int const id = handle->id;
+  PoolModel& model = mWorld.pool(id);
+  std::shared_ptr<BufSlot> slot = heldCall([&] { return pool->getProducerBuffer(); });
+  int const index = model.getProducerBuffer(expected);
+  expectEqual("getProducerBuffer lends a slot", index >= 0, slot != nullptr);
+  std::string const text =
+      "pool #" + std::to_string(id) + " frame: getProducerBuffer() = " + std::to_string(index);
+  if (!slot || index < 0) {
+    ++mTally.producerRefusals;
+    return text;
+  }
+  ++mTally.producerLends;
+  expectEqual("index of the slot lent to the producer", index, slot->index);
+  checkIdentity(slot, id, index);
+  long const key = ++mLastKey;
+  int const validSize = static_cast<int>(model.slot(index)->buffers);
+  int const status = heldCall([&] { return pool->setProducerBuffer(key, validSize, slot); });
+  expectEqual("setProducerBuffer status", model.setProducerBuffer(key, validSize, index, expected),
+              status);
+  ++(status == 0 ? mTally.producerReturns : mTally.refusedReturns);
+  return text + ", setProducerBuffer(key=" + std::to_string(key) +
+         ", validSize=" + std::to_string(validSize) + ") = " + std::to_string(status);
 }
 
 PoolParameters ModelDriver::drawParameters() {
@@ -318,7 +365,9 @@ std::string ModelDriver::createPool(Lines& expected) {
     qelcam::host::clearProperty(kDebugProperty);
   }
   int const status = mManager->createPool(params, lagging);
-  mWorld.createPool(params, lagging, expected);
+  int const id = mWorld.createPool(params, lagging, expected);
+  ++mTally.poolsCreated;
+  mTally.unworkablePools += mWorld.pool(id).workable() ? 0 : 1;
   expectEqual("createPool status", 0, status);
   return text.str();
 }
@@ -397,6 +446,7 @@ std::string ModelDriver::getProducerBuffer(Lines& expected) {
     checkIdentity(slot, id, index);
     keepSlot(std::move(slot), id, index, SlotKind::Producer);
   }
+  ++(index >= 0 ? mTally.producerLends : mTally.producerRefusals);
   return "pool #" + std::to_string(id) + " getProducerBuffer() = " + std::to_string(index);
 }
 
@@ -412,7 +462,7 @@ std::string ModelDriver::setProducerBuffer(Lines& expected) {
   int const index = slot ? slot->index : -1;
   SlotModel const* own = mWorld.pool(id).slot(index);
   int validSize = own != nullptr ? static_cast<int>(own->buffers) : 1;
-  switch (mSource.below(8)) {
+  switch (mSource.below(16)) {
     case 5:
       validSize = 0;
       break;
@@ -439,6 +489,10 @@ std::string ModelDriver::setProducerBuffer(Lines& expected) {
   int const status = heldCall([&] { return pool->setProducerBuffer(key, validSize, slot); });
   int const modelStatus = mWorld.pool(id).setProducerBuffer(key, validSize, index, expected);
   expectEqual("setProducerBuffer status", modelStatus, status);
+  ++(status == 0 ? mTally.producerReturns : mTally.refusedReturns);
+  if (status == 0) {
+    forgetReturned(slot, SlotKind::Producer);
+  }
   return "pool #" + std::to_string(id) + " setProducerBuffer(key=" + std::to_string(key) +
          ", validSize=" + std::to_string(validSize) + ", " + described +
          ") = " + std::to_string(status);
@@ -466,6 +520,7 @@ std::string ModelDriver::getConsumerBuffer(Lines& expected) {
   }
   std::shared_ptr<BufSlot> slot = heldCall([&] { return pool->getConsumerBuffer(key, index); });
   int const lent = model.getConsumerBuffer(key, index, expected);
+  ++(lent >= 0 ? mTally.consumerLends : mTally.consumerRefusals);
   expectEqual("getConsumerBuffer lends a slot", lent >= 0, slot != nullptr);
   if (slot && lent >= 0) {
     expectEqual("index of the slot lent to a consumer", lent, slot->index);
@@ -489,6 +544,10 @@ std::string ModelDriver::setConsumerBuffer(Lines& expected) {
   int const status = heldCall([&] { return pool->setConsumerBuffer(slot); });
   int const modelStatus = mWorld.pool(id).setConsumerBuffer(index, expected);
   expectEqual("setConsumerBuffer status", modelStatus, status);
+  ++(status == 0 ? mTally.consumerReturns : mTally.refusedReturns);
+  if (status == 0) {
+    forgetReturned(slot, SlotKind::Consumer);
+  }
   return "pool #" + std::to_string(id) + " setConsumerBuffer(" + described +
          ") = " + std::to_string(status);
 }
@@ -561,7 +620,7 @@ std::string ModelDriver::holdOrRelease() {
     mHeld = false;
     return "releaseQueues";
   }
-  if (mSource.below(2) != 0) {
+  if (mSource.below(4) != 0) {
     return "holdQueues: not this time";
   }
   qelcam::host::holdQueues();
@@ -637,6 +696,19 @@ void ModelDriver::keepSlot(std::shared_ptr<BufSlot> slot, int poolId, int index,
     mWorld.addSlotRef(poolId, index);
   }
   mSlots.push_back({std::move(slot), poolId, index, kind});
+}
+
+void ModelDriver::forgetReturned(std::shared_ptr<BufSlot> const& slot, SlotKind kind) {
+  // Half the time the client keeps the pointer, to misuse it later.
+  if (mSource.below(2) == 0) {
+    return;
+  }
+  for (size_t i = 0; i < mSlots.size(); ++i) {
+    if (mSlots[i].slot == slot && mSlots[i].kind == kind) {
+      dropSlotHandle(i);
+      return;
+    }
+  }
 }
 
 void ModelDriver::dropSlotHandle(size_t which) {

@@ -50,6 +50,22 @@ class ByteSource : public ChoiceSource {
   size_t mPos = 0;
 };
 
+// What a run went through, to judge how much of the protocol it reached.
+struct Tally {
+  uint64_t poolsCreated = 0;
+  uint64_t unworkablePools = 0;
+  uint64_t producerLends = 0;
+  uint64_t producerRefusals = 0;
+  uint64_t producerReturns = 0;
+  uint64_t consumerLends = 0;
+  uint64_t consumerRefusals = 0;
+  uint64_t consumerReturns = 0;
+  uint64_t refusedReturns = 0;
+  uint64_t stepsHeld = 0;
+
+  Tally& operator+=(Tally const& other);
+};
+
 class ModelDriver {
  public:
   // `trace`, when given, receives one line per step.
@@ -65,6 +81,7 @@ class ModelDriver {
   // What differed, at which step and in which operation.
   std::string const& divergence() const { return mDivergence; }
   uint64_t steps() const { return mStep; }
+  Tally const& tally() const { return mTally; }
 
  private:
   using IGainMapBufPool = NSCam::v3::Utils::IGainMapBufPool;
@@ -89,6 +106,8 @@ class ModelDriver {
   std::string releaseOrResume(bool release, Lines& expected);
   std::string destroyAllPools(Lines& expected);
   std::string dropPool(Lines& expected);
+  // A producer's whole turn: take the next slot and hand it back filled.
+  std::string frame(Lines& expected);
   std::string getProducerBuffer(Lines& expected);
   std::string setProducerBuffer(Lines& expected);
   std::string getConsumerBuffer(Lines& expected);
@@ -105,6 +124,8 @@ class ModelDriver {
   std::shared_ptr<BufSlot> pickSlotArgument(int poolId, SlotKind kind, std::string& described);
   void keepSlot(std::shared_ptr<BufSlot> slot, int poolId, int index, SlotKind kind);
   void dropSlotHandle(size_t which);
+  // After a successful return, mostly lets go of the handle the slot was returned with.
+  void forgetReturned(std::shared_ptr<BufSlot> const& slot, SlotKind kind);
   void keepPool(std::shared_ptr<IGainMapBufPool> pool, int id, Lines& expected);
   void dropPoolHandle(size_t which, Lines& expected);
   // Runs a client call that posts work with the queues held, so the call's own lines come first.
@@ -132,6 +153,7 @@ class ModelDriver {
   bool mHeld = false;
   int64_t mLastKey = 0;
   uint64_t mStep = 0;
+  Tally mTally;
   std::string mOperation;
   std::vector<std::string> mProblems;
   std::string mDivergence;
