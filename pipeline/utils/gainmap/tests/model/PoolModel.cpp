@@ -11,6 +11,8 @@ namespace {
 
 constexpr int32_t kGainMapWidth = 576;
 constexpr int64_t kUsage = 0x6000f;
+// A slot's block must be allocatable as one 32-bit signed size.
+constexpr uint64_t kMaxBlockBytes = 0x7fffffff;
 
 std::string format(char const* pattern, ...) __attribute__((format(printf, 1, 2)));
 std::string format(char const* pattern, ...) {
@@ -44,7 +46,12 @@ Geometry computeGeometry(PoolParameters const& params, PlatformModel const& plat
   std::set<std::pair<int32_t, int32_t>> distinct;
   bool haveWorst = false;
   unsigned int worstMode = 0;
+  NSCam::MSize worstSize;
   float worstRatio = 0;
+  int32_t const sensor = params.sensorId;
+  if (sizes.empty()) {
+    g.problems.push_back(format("[isWorkable] [s:%d] sensorSizes has no sensor mode", sensor));
+  }
   for (auto const& [mode, size] : sizes) {
     ImgParam param;
     param.imgFormat = platform.gainMapFormat;
@@ -57,28 +64,41 @@ Geometry computeGeometry(PoolParameters const& params, PlatformModel const& plat
     if (!haveWorst || ratio < worstRatio) {
       haveWorst = true;
       worstMode = mode;
+      worstSize = size;
       worstRatio = ratio;
     }
-    if (size.w <= 0) {
-      g.problems.push_back(format("width %d", size.w));
-    }
-    if (size.h <= 0) {
-      g.problems.push_back(format("height %d", size.h));
+    if (size.w <= 0 || size.h <= 0) {
+      g.problems.push_back(
+          format("[isWorkable] [s:%d] sensorSizes[%u] (%dx%d) is not a positive "
+                 "size",
+                 sensor, mode, size.w, size.h));
     }
   }
   g.distinctSizes = distinct.size();
-  if (sizes.empty()) {
-    g.problems.push_back("no sensor mode");
-  }
   if (params.slotCount >= kSlotCountBound) {
-    g.problems.push_back(format("slotCount %u", params.slotCount));
+    g.problems.push_back(format("[isWorkable] [s:%d] slotCount(%u) is not below %u", sensor,
+                                params.slotCount, kSlotCountBound));
   }
   if (haveWorst) {
     auto const rows = static_cast<uint32_t>(g.imgParams.at(worstMode).imgSize.h);
-    uint64_t const wide = static_cast<uint64_t>(rows) * static_cast<uint32_t>(stride) * g.batchSize;
-    g.allocSize = static_cast<uint32_t>(wide);
-    if (g.allocSize == 0 || wide >= (uint64_t{1} << 31)) {
-      g.problems.push_back(format("allocation size %llu", static_cast<unsigned long long>(wide)));
+    g.allocSize = rows * static_cast<uint32_t>(stride) * g.batchSize;
+  }
+  if (g.problems.empty()) {
+    // The block without any wrapping, against what the 32-bit geometry gave.
+    unsigned __int128 const rows =
+        (static_cast<uint64_t>(worstSize.h) * kGainMapWidth / static_cast<uint64_t>(worstSize.w) +
+         1) &
+        ~uint64_t{1};
+    unsigned __int128 const wide = rows * stride * g.batchSize;
+    uint64_t const exact = wide > UINT64_MAX ? UINT64_MAX : static_cast<uint64_t>(wide);
+    if (exact == 0 || exact > kMaxBlockBytes || exact != g.allocSize) {
+      g.problems.push_back(
+          format("[isWorkable] [s:%d] sensorSizes[%u] (%dx%d) with "
+                 "batchSize(%u) gives slots of %llu bytes, %u in 32 bits; a "
+                 "slot takes 1 to %llu bytes",
+                 sensor, worstMode, worstSize.w, worstSize.h, params.batchSize,
+                 static_cast<unsigned long long>(exact), g.allocSize,
+                 static_cast<unsigned long long>(kMaxBlockBytes)));
     }
   }
   return g;
@@ -94,8 +114,9 @@ PoolModel::PoolModel(PoolParameters const& params, bool laggingAlloc, PlatformMo
       mSlotCount(params.slotCount),
       mMaxSlotCount(2 * params.slotCount) {
   if (!workable()) {
-    // One error line per problem; the model fixes its head, not its wording.
-    out.push_back({kError, format("[GainMapBufPoolImp] [s:%d] ", mSensorId), true});
+    for (std::string const& problem : mGeometry.problems) {
+      out.push_back({kError, problem});
+    }
     mSlotCount = 0;
     mMaxSlotCount = 0;
   }

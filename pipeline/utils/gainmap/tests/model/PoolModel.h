@@ -34,12 +34,10 @@ constexpr int kWarning = 2;
 constexpr int kInfo = 3;
 constexpr int kDebug = 5;
 
-// One line as the logger sink receives it. `anyTextAfterPrefix` stands for a line whose wording
-// the model does not fix, only its class and head.
+// One line as the logger sink receives it.
 struct Line {
   int level;
   std::string text;
-  bool anyTextAfterPrefix = false;
 };
 using Lines = std::vector<Line>;
 
@@ -60,7 +58,7 @@ struct Geometry {
   uint32_t allocSize = 0;
   // Distinct sensor sizes, the keys a slot's per-size map gets.
   size_t distinctSizes = 0;
-  // Why the parameters cannot make a working pool; empty when they can.
+  // The error lines saying why the parameters cannot make a working pool; empty when they can.
   std::vector<std::string> problems;
 };
 
