@@ -31,6 +31,7 @@ install(FILES ${PROJECT_BINARY_DIR}/qelcam_gainmappoolConfig.cmake
 
 # The .pc files find the prefix from their own place, so that an installed tree can be moved.
 file(RELATIVE_PATH GAINMAP_PC_TO_PREFIX /prefix/${CMAKE_INSTALL_LIBDIR}/pkgconfig /prefix)
+string(REGEX REPLACE "/$" "" GAINMAP_PC_TO_PREFIX "${GAINMAP_PC_TO_PREFIX}")
 foreach(pc qelcam_gainmappool qelcam_platform_host)
   configure_file(${CMAKE_CURRENT_LIST_DIR}/${pc}.pc.in ${PROJECT_BINARY_DIR}/${pc}.pc @ONLY)
   install(FILES ${PROJECT_BINARY_DIR}/${pc}.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
