@@ -40,7 +40,7 @@ class BlueprintError(Exception):
 
 TOKEN = re.compile(
     r'\s+|//[^\n]*|/\*.*?\*/|(?P<str>"(?:\\.|[^"\\])*")|(?P<word>[A-Za-z_][A-Za-z0-9_]*)'
-    r"|(?P<int>-?[0-9]+)|(?P<punct>[{}\[\]:,=+()])",
+    r"|(?P<int>-?[0-9]+)|(?P<punct>[{}\[\]:,=+])",
     re.S,
 )
 
@@ -90,9 +90,8 @@ class Parser:
                 else:
                     self.variables[word] = self.value()
             else:
-                self.take("{") if self.peek()[1] == "{" else self.take("(")
-                closing = "}" if self.tokens[self.pos - 1][1] == "{" else ")"
-                found.append((word, self.properties(closing)))
+                self.take("{")
+                found.append((word, self.properties("}")))
         return found
 
     def properties(self, closing):
