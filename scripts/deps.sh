@@ -1,6 +1,7 @@
 # Installs what the build needs, when it is missing. Sourced by the other scripts.
 GAINMAP_PACKAGES=(cmake ninja-build g++ clang libclang-rt-dev ccache googletest libgtest-dev
-                  libgmock-dev libbenchmark-dev android-liblog-dev android-liblog binutils)
+                  libgmock-dev libbenchmark-dev android-liblog-dev android-liblog binutils
+                  nlohmann-json3-dev)
 
 gainmap_install_deps() {
   local missing=()
