@@ -295,8 +295,12 @@ void counterPart(std::string const& name, char const* series, int64_t part, int6
   // One lock for the parts and the event, so that sums reach the file in the order they were made.
   std::lock_guard<std::mutex> lock(t.mutex);
   auto& parts = t.counterParts[name];
+  auto const it = parts.find(part);
+  if ((it == parts.end() ? 0 : it->second) == value) {
+    return;  // nothing changed
+  }
   if (value == 0) {
-    parts.erase(part);
+    parts.erase(it);
   } else {
     parts[part] = value;
   }

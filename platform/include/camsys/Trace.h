@@ -45,7 +45,8 @@ void asyncEnd(char const* category, std::string const& name, uint64_t id, Args a
 
 // A counter track's value; `series` names what it counts ("slots", "bytes").
 void counter(std::string const& name, char const* series, int64_t value);
-// A counter whose value is the sum of its parts, each set on its own (one part per slot, say).
+// A counter whose value is the sum of its parts, each set on its own (one part per slot, say);
+// setting a part to the value it has records nothing.
 void counterPart(std::string const& name, char const* series, int64_t part, int64_t value);
 
 // A point in time on the calling thread.
