@@ -39,9 +39,6 @@ using NSCam::Utils::Trace::Arg;
 using NSCam::Utils::Trace::Args;
 using qelcam::host::TraceEvent;
 
-constexpr uint32_t kFileBit = 1;
-constexpr uint32_t kListenerBit = 2;
-
 using AsyncKey = std::pair<std::string, uint64_t>;
 
 struct Tracer {
@@ -74,8 +71,15 @@ double nowUs() {
 
 // Called with the tracer's mutex held, after the file or the listeners changed.
 void publishEnabled(Tracer& t) {
-  uint32_t bits = (t.file != nullptr ? kFileBit : 0) | (t.listeners.empty() ? 0 : kListenerBit);
-  NSCam::Utils::Trace::gEnabled.store(bits, std::memory_order_relaxed);
+  uint32_t kinds = t.file != nullptr ? uint32_t{NSCam::Utils::Trace::kAllKinds} : 0u;
+  for (auto* listener : t.listeners) {
+    kinds |= listener->kinds();
+  }
+  NSCam::Utils::Trace::gEnabled.store(kinds, std::memory_order_relaxed);
+}
+
+uint32_t kindOf(TraceEvent const& event) {
+  return event.phase == 'i' ? NSCam::Utils::Trace::kInstants : NSCam::Utils::Trace::kTimeline;
 }
 
 std::string jsonString(std::string const& text) {
@@ -210,7 +214,9 @@ void emitLocked(Tracer& t, TraceEvent event) {
     writeEvent(t, event);
   }
   for (auto* listener : t.listeners) {
-    listener->onEvent(event);
+    if ((listener->kinds() & kindOf(event)) != 0) {
+      listener->onEvent(event);
+    }
   }
 }
 
@@ -370,8 +376,8 @@ void stopTrace() {
   publishEnabled(t);
 }
 
-TraceListener::TraceListener(std::function<void(TraceEvent const&)> onEventFn)
-    : mOnEvent(std::move(onEventFn)) {
+TraceListener::TraceListener(std::function<void(TraceEvent const&)> onEventFn, uint32_t kinds)
+    : mOnEvent(std::move(onEventFn)), mKinds(kinds) {
   Tracer& t = tracer();
   std::lock_guard<std::mutex> lock(t.mutex);
   t.listeners.insert(this);

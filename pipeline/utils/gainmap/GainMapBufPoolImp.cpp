@@ -354,7 +354,7 @@ std::shared_ptr<GainMapBufPoolImp::BufSlot> GainMapBufPoolImp::onGetProducerBuff
   }
   if (mSlotCount.load(kAcquire) == 0) {
     GMP_LOGE("[%s] [s:%d] pool has no slot to lend", mSensorId);
-    GMP_TRACE(gainmap::trace::refused(__func__, mSensorId, gainmap::trace::kNoSlot));
+    GMP_TRACE_INSTANT(gainmap::trace::refused(__func__, mSensorId, gainmap::trace::kNoSlot));
     return nullptr;
   }
   std::shared_ptr<BufSlotImp> slot;
@@ -363,14 +363,14 @@ std::shared_ptr<GainMapBufPoolImp::BufSlot> GainMapBufPoolImp::onGetProducerBuff
     slot = mSlots[mCurrentIndex];
     if (!slot->ready.load(kAcquire)) {
       GMP_LOGW("[%s] [s:%d][i:%zu] slot is not ready", mSensorId, mCurrentIndex);
-      GMP_TRACE(gainmap::trace::refused(__func__, mSensorId, gainmap::trace::kNotReady,
+      GMP_TRACE_INSTANT(gainmap::trace::refused(__func__, mSensorId, gainmap::trace::kNotReady,
                                         static_cast<int>(mCurrentIndex)));
       return nullptr;
     }
     MutexLocker slotLock(slot->lock);
     if (slot->producerUser) {
       GMP_LOGE("[%s] [s:%d][i:%d] still has producer user", mSensorId, slot->index);
-      GMP_TRACE(gainmap::trace::refused(__func__, mSensorId, gainmap::trace::kHeldByProducer,
+      GMP_TRACE_INSTANT(gainmap::trace::refused(__func__, mSensorId, gainmap::trace::kHeldByProducer,
                                         slot->index));
       return nullptr;
     }
@@ -378,7 +378,7 @@ std::shared_ptr<GainMapBufPoolImp::BufSlot> GainMapBufPoolImp::onGetProducerBuff
       // A busy slot is never skipped: grow the rotation so a free slot comes up later.
       GMP_LOGW("[%s] [s:%d][i:%d] still has consumer users (c:%zu)", mSensorId, slot->index,
                slot->consumerUserCount);
-      GMP_TRACE(gainmap::trace::refused(__func__, mSensorId,
+      GMP_TRACE_INSTANT(gainmap::trace::refused(__func__, mSensorId,
                                         mSlotCount.load(kAcquire) >= mMaxSlotCount
                                             ? gainmap::trace::kRotationAtMax
                                             : gainmap::trace::kHeldByConsumers,
@@ -445,7 +445,7 @@ int GainMapBufPoolImp::onSetProducerBuffer(long const& key, int const& validSize
   if (!own->producerUser || own->consumerUserCount != 0) {
     GMP_LOGE("[%s] [s:%d][i:%d] cannot set producer buffer (p:%d, c:%zu)", mSensorId, own->index,
              own->producerUser, own->consumerUserCount);
-    GMP_TRACE(gainmap::trace::refused(__func__, mSensorId, gainmap::trace::kNotHeldByProducer,
+    GMP_TRACE_INSTANT(gainmap::trace::refused(__func__, mSensorId, gainmap::trace::kNotHeldByProducer,
                                       own->index));
     return kBadValue;
   }
@@ -484,7 +484,7 @@ std::shared_ptr<GainMapBufPoolImp::BufSlot> GainMapBufPoolImp::onGetConsumerBuff
   if (index < 0 || static_cast<uint32_t>(index) >= mSlotCount.load(kAcquire)) {
     GMP_LOGE("[%s] [s:%d] request invalid index(%d). Number of slots(%d)", mSensorId, index,
              mSlotCount.load(kAcquire));
-    GMP_TRACE(gainmap::trace::refused(__func__, mSensorId, gainmap::trace::kInvalidIndex, index));
+    GMP_TRACE_INSTANT(gainmap::trace::refused(__func__, mSensorId, gainmap::trace::kInvalidIndex, index));
     return nullptr;
   }
   std::shared_ptr<BufSlotImp> slot = mSlots[index];
@@ -505,7 +505,7 @@ std::shared_ptr<GainMapBufPoolImp::BufSlot> GainMapBufPoolImp::onGetConsumerBuff
   if (slot->buffers.empty()) {
     GMP_LOGD("[%s] [s:%d][i:%d] slot buffers has been released. mbReleased(%d)", mSensorId,
              slot->index, mbReleased.load(kAcquire));
-    GMP_TRACE(gainmap::trace::refused(
+    GMP_TRACE_INSTANT(gainmap::trace::refused(
         __func__, mSensorId,
         slot->useSizeMap ? gainmap::trace::kNoBuffersByDesign : gainmap::trace::kBuffersReleased,
         slot->index));
@@ -547,7 +547,7 @@ int GainMapBufPoolImp::onSetConsumerBuffer(std::shared_ptr<BufSlot> slot) {
   if (own->consumerUserCount == 0) {
     GMP_LOGE("[%s] [s:%d][i:%d] slot has no consumer user (p:%d, c:%zu)", mSensorId, own->index,
              own->producerUser, own->consumerUserCount);
-    GMP_TRACE(gainmap::trace::refused(__func__, mSensorId, gainmap::trace::kNotHeldByConsumer,
+    GMP_TRACE_INSTANT(gainmap::trace::refused(__func__, mSensorId, gainmap::trace::kNotHeldByConsumer,
                                       own->index));
     return kBadValue;
   }
@@ -568,12 +568,12 @@ bool GainMapBufPoolImp::isLending(char const* func) {
   // Neither waits: a producer or consumer early or late is refused at once.
   if (!mbInitialized.load(kAcquire)) {
     GMP_LOGW_AS(func, "[%s] [s:%d] pool has not been initialized", mSensorId);
-    GMP_TRACE(gainmap::trace::refused(func, mSensorId, gainmap::trace::kNotInitialized));
+    GMP_TRACE_INSTANT(gainmap::trace::refused(func, mSensorId, gainmap::trace::kNotInitialized));
     return false;
   }
   if (mbReleased.load(kAcquire)) {
     GMP_LOGE_AS(func, "[%s] [s:%d] pool has been marked released", mSensorId);
-    GMP_TRACE(gainmap::trace::refused(func, mSensorId, gainmap::trace::kReleased));
+    GMP_TRACE_INSTANT(gainmap::trace::refused(func, mSensorId, gainmap::trace::kReleased));
     return false;
   }
   return true;
@@ -584,13 +584,13 @@ std::shared_ptr<GainMapBufPoolImp::BufSlotImp> GainMapBufPoolImp::slotToReturn(c
   if (index < 0 || static_cast<uint32_t>(index) >= mSlotCount.load(kAcquire)) {
     GMP_LOGE_AS(func, "[%s] [s:%d] invalid slot index(%d). Number of slots(%d)", mSensorId, index,
                 mSlotCount.load(kAcquire));
-    GMP_TRACE(gainmap::trace::refused(func, mSensorId, gainmap::trace::kInvalidIndex, index));
+    GMP_TRACE_INSTANT(gainmap::trace::refused(func, mSensorId, gainmap::trace::kInvalidIndex, index));
     return nullptr;
   }
   // Before the creation task has run, mSlots is still being filled.
   if (!mbInitialized.load(kAcquire)) {
     GMP_LOGW_AS(func, "[%s] [s:%d] pool has not been initialized", mSensorId);
-    GMP_TRACE(gainmap::trace::refused(func, mSensorId, gainmap::trace::kNotInitialized, index));
+    GMP_TRACE_INSTANT(gainmap::trace::refused(func, mSensorId, gainmap::trace::kNotInitialized, index));
     return nullptr;
   }
   return mSlots[index];

@@ -1,19 +1,28 @@
 #pragma once
 
-// The pool's trace points. Each runs only while someone records a trace (GMP_TRACE), so a pool
-// that nobody traces pays one relaxed load per point and no log line changes.
+// The pool's trace points. Each runs only while someone records its kind (GMP_TRACE,
+// GMP_TRACE_INSTANT), so a pool that nobody traces pays one relaxed load per point and no log line
+// changes.
 
 #include <cstdint>
 
 #include "IGainMapBufPool.h"
 #include "camsys/Trace.h"
 
-// Runs `statement`, arguments included, only while tracing is on.
-#define GMP_TRACE(statement)              \
-  do {                                    \
-    if (NSCam::Utils::Trace::enabled()) { \
-      statement;                          \
-    }                                     \
+// Runs `statement`, arguments included, only while the timeline is traced.
+#define GMP_TRACE(statement)                                                                 \
+  do {                                                                                       \
+    if (__builtin_expect(NSCam::Utils::Trace::enabled(NSCam::Utils::Trace::kTimeline), 0)) { \
+      statement;                                                                             \
+    }                                                                                        \
+  } while (0)
+
+// Runs `statement` only while instants, such as refusals, are traced.
+#define GMP_TRACE_INSTANT(statement)                                                         \
+  do {                                                                                       \
+    if (__builtin_expect(NSCam::Utils::Trace::enabled(NSCam::Utils::Trace::kInstants), 0)) { \
+      statement;                                                                             \
+    }                                                                                        \
   } while (0)
 
 namespace gainmap {
@@ -41,13 +50,14 @@ constexpr char kNotHeldByConsumer[] = "not held by a consumer";
 // slot index and the key once they are known.
 class Slice {
  public:
-  Slice(char const* call, int32_t sensorId) : mActive(NSCam::Utils::Trace::enabled()) {
-    if (mActive) {
+  Slice(char const* call, int32_t sensorId)
+      : mActive(NSCam::Utils::Trace::enabled(NSCam::Utils::Trace::kTimeline)) {
+    if (__builtin_expect(mActive, 0)) {
       begin(call, sensorId);
     }
   }
   ~Slice() {
-    if (mActive) {
+    if (__builtin_expect(mActive, 0)) {
       end();
     }
   }
@@ -72,8 +82,8 @@ class Slice {
   }
 
  private:
-  void begin(char const* call, int32_t sensorId);
-  void end();
+  __attribute__((cold)) void begin(char const* call, int32_t sensorId);
+  __attribute__((cold)) void end();
 
   bool const mActive;
   int mIndex = -1;

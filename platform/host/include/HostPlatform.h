@@ -8,6 +8,8 @@
 #include <string>
 #include <vector>
 
+#include "camsys/Trace.h"
+
 namespace qelcam {
 namespace host {
 
@@ -100,19 +102,23 @@ bool startTrace(std::string const& path);
 // Closes what is still open, completes the file and stops recording into it.
 void stopTrace();
 
-// While alive, every event is handed to the callback on the thread that made it, under the trace
-// service's lock: the callback must not trace.
+// While alive, every event of the kinds asked for (NSCam::Utils::Trace::Kind) is handed to the
+// callback on the thread that made it, under the trace service's lock: the callback must not
+// trace. Trace points of the other kinds stay off unless a trace file is being written.
 class TraceListener {
  public:
-  explicit TraceListener(std::function<void(TraceEvent const&)> onEvent);
+  explicit TraceListener(std::function<void(TraceEvent const&)> onEvent,
+                         uint32_t kinds = NSCam::Utils::Trace::kAllKinds);
   ~TraceListener();
   TraceListener(TraceListener const&) = delete;
   TraceListener& operator=(TraceListener const&) = delete;
 
   void onEvent(TraceEvent const& event);
+  uint32_t kinds() const { return mKinds; }
 
  private:
   std::function<void(TraceEvent const&)> mOnEvent;
+  uint32_t const mKinds;
 };
 
 }  // namespace host

@@ -13,13 +13,21 @@ namespace NSCam {
 namespace Utils {
 namespace Trace {
 
-// Non-zero while a recorder is attached. Relaxed is enough: a trace point that misses the switch
-// by a few instructions only loses or gains one event, and every recorder synchronises its own
-// state under its own lock.
+// What a recorder asks for. Refusals and other instants are cheap and rare, so a tool may follow
+// them alone without paying for the timeline of every call.
+enum Kind : uint32_t {
+  kTimeline = 1u << 0,  // slices, async spans, counters and flows
+  kInstants = 1u << 1,
+  kAllKinds = kTimeline | kInstants,
+};
+
+// The kinds some recorder wants now. Relaxed is enough: a trace point that misses the switch by a
+// few instructions only loses or gains one event, and every recorder synchronises its own state
+// under its own lock.
 extern std::atomic<uint32_t> gEnabled;
 
-inline bool enabled() {
-  return gEnabled.load(std::memory_order_relaxed) != 0;
+inline bool enabled(uint32_t kinds = kAllKinds) {
+  return (gEnabled.load(std::memory_order_relaxed) & kinds) != 0;
 }
 
 // One named argument of an event: a number, or a text when `text` is not null.
