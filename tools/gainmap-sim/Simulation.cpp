@@ -34,21 +34,6 @@ constexpr auto kSampleInterval = std::chrono::milliseconds(5);
 constexpr auto kTeardownWait = std::chrono::seconds(2);
 constexpr char kFlowCategory[] = "frame";
 
-constexpr char const* kRefusalTexts[kRefusalCount] = {
-    "not initialised",
-    "released",
-    "not ready",
-    "held by the producer",
-    "held by consumers",
-    "rotation at its maximum",
-    "stale timestamp",
-    "buffers released",
-    "no buffers by design",
-    "invalid index",
-    "no slot in the rotation",
-    "unexplained",
-};
-
 // The reason the pool traced for the latest refusal on this thread; the trace listener runs on
 // the refused caller's own thread, before the call returns.
 thread_local Refusal tLastRefusal = Refusal::Unexplained;
@@ -490,20 +475,20 @@ class Simulation {
     if (mReconfigured) {
       ++sensor.producedAfterReconfigure;
     }
-    uint64_t seq = publish(sensor, key, index);
-    for (int c = 0; mTraceFlows && c < mOptions.consumers; ++c) {
-      trace::flowBegin(kFlowCategory, "frame", flowId(sensor, seq, c));
-    }
+    publish(sensor, key, index);
   }
 
-  uint64_t publish(Sensor& sensor, long key, int32_t index) {
+  void publish(Sensor& sensor, long key, int32_t index) {
     std::lock_guard<std::mutex> guard(sensor.frameLock);
     sensor.latest.seq++;
+    // Before any consumer can see the frame, so that every flow starts before it ends.
+    for (int c = 0; mTraceFlows && c < mOptions.consumers; ++c) {
+      trace::flowBegin(kFlowCategory, "frame", flowId(sensor, sensor.latest.seq, c));
+    }
     sensor.latest.key = key;
     sensor.latest.index = index;
     sensor.latest.resumes = sensor.resumes.load();
     sensor.frameChanged.notify_all();
-    return sensor.latest.seq;
   }
 
   // Waits for a frame newer than `lastSeq`; false once the run is over.
@@ -620,28 +605,6 @@ class Simulation {
 };
 
 }  // namespace
-
-char const* refusalText(Refusal refusal) {
-  return kRefusalTexts[static_cast<size_t>(refusal)];
-}
-
-Refusal refusalOf(std::string const& text) {
-  for (size_t i = 0; i < kRefusalCount; ++i) {
-    if (text == kRefusalTexts[i]) {
-      return static_cast<Refusal>(i);
-    }
-  }
-  return Refusal::Unexplained;
-}
-
-uint64_t SensorReport::starved() const {
-  uint64_t busy = 0;
-  for (Refusal refusal : {Refusal::NotReady, Refusal::HeldByProducer, Refusal::HeldByConsumers,
-                          Refusal::RotationAtMax}) {
-    busy += producerRefusals[static_cast<size_t>(refusal)];
-  }
-  return busy;
-}
 
 Report runSimulation(Options const& options) {
   return Simulation(options).run();
