@@ -364,14 +364,14 @@ std::shared_ptr<GainMapBufPoolImp::BufSlot> GainMapBufPoolImp::onGetProducerBuff
     if (!slot->ready.load(kAcquire)) {
       GMP_LOGW("[%s] [s:%d][i:%zu] slot is not ready", mSensorId, mCurrentIndex);
       GMP_TRACE_INSTANT(gainmap::trace::refused(__func__, mSensorId, gainmap::trace::kNotReady,
-                                        static_cast<int>(mCurrentIndex)));
+                                                static_cast<int>(mCurrentIndex)));
       return nullptr;
     }
     MutexLocker slotLock(slot->lock);
     if (slot->producerUser) {
       GMP_LOGE("[%s] [s:%d][i:%d] still has producer user", mSensorId, slot->index);
-      GMP_TRACE_INSTANT(gainmap::trace::refused(__func__, mSensorId, gainmap::trace::kHeldByProducer,
-                                        slot->index));
+      GMP_TRACE_INSTANT(gainmap::trace::refused(__func__, mSensorId,
+                                                gainmap::trace::kHeldByProducer, slot->index));
       return nullptr;
     }
     if (slot->consumerUserCount != 0) {
@@ -379,10 +379,10 @@ std::shared_ptr<GainMapBufPoolImp::BufSlot> GainMapBufPoolImp::onGetProducerBuff
       GMP_LOGW("[%s] [s:%d][i:%d] still has consumer users (c:%zu)", mSensorId, slot->index,
                slot->consumerUserCount);
       GMP_TRACE_INSTANT(gainmap::trace::refused(__func__, mSensorId,
-                                        mSlotCount.load(kAcquire) >= mMaxSlotCount
-                                            ? gainmap::trace::kRotationAtMax
-                                            : gainmap::trace::kHeldByConsumers,
-                                        slot->index));
+                                                mSlotCount.load(kAcquire) >= mMaxSlotCount
+                                                    ? gainmap::trace::kRotationAtMax
+                                                    : gainmap::trace::kHeldByConsumers,
+                                                slot->index));
       if (mPreAllocIndex == -1) {
         GMP_LOGD("[%s] need pre alloc slot");
         preAllocOneSlotLocked();
@@ -438,15 +438,15 @@ int GainMapBufPoolImp::onSetProducerBuffer(long const& key, int const& validSize
   if (static_cast<uint64_t>(static_cast<int64_t>(validSize)) > own->buffers.size()) {
     GMP_LOGE("[%s] [s:%d][i:%d] user validSize(%d) exceeds slot buffer num(%zu)", mSensorId,
              own->index, validSize, own->buffers.size());
-    GMP_TRACE(
+    GMP_TRACE_INSTANT(
         gainmap::trace::refused(__func__, mSensorId, gainmap::trace::kTooManyValid, own->index));
     return kBadValue;
   }
   if (!own->producerUser || own->consumerUserCount != 0) {
     GMP_LOGE("[%s] [s:%d][i:%d] cannot set producer buffer (p:%d, c:%zu)", mSensorId, own->index,
              own->producerUser, own->consumerUserCount);
-    GMP_TRACE_INSTANT(gainmap::trace::refused(__func__, mSensorId, gainmap::trace::kNotHeldByProducer,
-                                      own->index));
+    GMP_TRACE_INSTANT(gainmap::trace::refused(__func__, mSensorId,
+                                              gainmap::trace::kNotHeldByProducer, own->index));
     return kBadValue;
   }
   own->validSize = validSize;
@@ -484,21 +484,22 @@ std::shared_ptr<GainMapBufPoolImp::BufSlot> GainMapBufPoolImp::onGetConsumerBuff
   if (index < 0 || static_cast<uint32_t>(index) >= mSlotCount.load(kAcquire)) {
     GMP_LOGE("[%s] [s:%d] request invalid index(%d). Number of slots(%d)", mSensorId, index,
              mSlotCount.load(kAcquire));
-    GMP_TRACE_INSTANT(gainmap::trace::refused(__func__, mSensorId, gainmap::trace::kInvalidIndex, index));
+    GMP_TRACE_INSTANT(
+        gainmap::trace::refused(__func__, mSensorId, gainmap::trace::kInvalidIndex, index));
     return nullptr;
   }
   std::shared_ptr<BufSlotImp> slot = mSlots[index];
   MutexLocker slotLock(slot->lock);
   if (slot->producerUser) {
     GMP_LOGE("[%s] [s:%d][i:%d] slot has producer user", mSensorId, slot->index);
-    GMP_TRACE(
+    GMP_TRACE_INSTANT(
         gainmap::trace::refused(__func__, mSensorId, gainmap::trace::kHeldByProducer, slot->index));
     return nullptr;
   }
   if (slot->key != key) {
     GMP_LOGE("[%s] [s:%d][i:%d] timestamp mismatch, slot timestamp: %ldconsumer timestamp: %ld",
              mSensorId, slot->index, slot->key, key);
-    GMP_TRACE(
+    GMP_TRACE_INSTANT(
         gainmap::trace::refused(__func__, mSensorId, gainmap::trace::kStaleTimestamp, slot->index));
     return nullptr;
   }
@@ -540,15 +541,15 @@ int GainMapBufPoolImp::onSetConsumerBuffer(std::shared_ptr<BufSlot> slot) {
   if (own->producerUser) {
     GMP_LOGE("[%s] [s:%d][i:%d] slot has producer user (p:%d, c:%zu)", mSensorId, own->index,
              own->producerUser, own->consumerUserCount);
-    GMP_TRACE(
+    GMP_TRACE_INSTANT(
         gainmap::trace::refused(__func__, mSensorId, gainmap::trace::kHeldByProducer, own->index));
     return kBadValue;
   }
   if (own->consumerUserCount == 0) {
     GMP_LOGE("[%s] [s:%d][i:%d] slot has no consumer user (p:%d, c:%zu)", mSensorId, own->index,
              own->producerUser, own->consumerUserCount);
-    GMP_TRACE_INSTANT(gainmap::trace::refused(__func__, mSensorId, gainmap::trace::kNotHeldByConsumer,
-                                      own->index));
+    GMP_TRACE_INSTANT(gainmap::trace::refused(__func__, mSensorId,
+                                              gainmap::trace::kNotHeldByConsumer, own->index));
     return kBadValue;
   }
   --own->consumerUserCount;
@@ -584,13 +585,15 @@ std::shared_ptr<GainMapBufPoolImp::BufSlotImp> GainMapBufPoolImp::slotToReturn(c
   if (index < 0 || static_cast<uint32_t>(index) >= mSlotCount.load(kAcquire)) {
     GMP_LOGE_AS(func, "[%s] [s:%d] invalid slot index(%d). Number of slots(%d)", mSensorId, index,
                 mSlotCount.load(kAcquire));
-    GMP_TRACE_INSTANT(gainmap::trace::refused(func, mSensorId, gainmap::trace::kInvalidIndex, index));
+    GMP_TRACE_INSTANT(
+        gainmap::trace::refused(func, mSensorId, gainmap::trace::kInvalidIndex, index));
     return nullptr;
   }
   // Before the creation task has run, mSlots is still being filled.
   if (!mbInitialized.load(kAcquire)) {
     GMP_LOGW_AS(func, "[%s] [s:%d] pool has not been initialized", mSensorId);
-    GMP_TRACE_INSTANT(gainmap::trace::refused(func, mSensorId, gainmap::trace::kNotInitialized, index));
+    GMP_TRACE_INSTANT(
+        gainmap::trace::refused(func, mSensorId, gainmap::trace::kNotInitialized, index));
     return nullptr;
   }
   return mSlots[index];

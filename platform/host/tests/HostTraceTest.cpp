@@ -1,4 +1,5 @@
 #include <pthread.h>
+#include <unistd.h>
 
 #include <fstream>
 #include <future>
@@ -20,7 +21,8 @@ using nlohmann::json;
 using qelcam::host::TraceEvent;
 
 std::string tracePath(std::string const& name) {
-  return ::testing::TempDir() + "host_trace_" + name + ".json";
+  // One file per process: the plain and sanitizer builds may run side by side.
+  return ::testing::TempDir() + "host_trace_" + name + "_" + std::to_string(getpid()) + ".json";
 }
 
 std::string joined(std::vector<std::string> const& lines) {

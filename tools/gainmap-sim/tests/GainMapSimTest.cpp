@@ -1,4 +1,5 @@
 #include <sys/wait.h>
+#include <unistd.h>
 
 #include <cstdio>
 #include <fstream>
@@ -73,11 +74,13 @@ bool has(std::string const& output, std::string const& text) {
 }
 
 std::string tempPath(std::string const& name) {
-  return ::testing::TempDir() + "gainmap_sim_" + name;
+  // One file per test process: the plain and sanitizer builds may run side by side.
+  return ::testing::TempDir() + "gainmap_sim_" + std::to_string(getpid()) + "_" + name;
 }
 
-// Short runs see the pools grow from their first slots: starvation is not what they check.
-constexpr char kRelaxed[] = " --quiet --max-starved 50";
+// Short runs see the pools grow from their first slots, and under the sanitizers checking a
+// borrowed frame stretches every hold: starvation is not what these runs check.
+constexpr char kRelaxed[] = " --quiet --max-starved 100";
 
 TEST(GainMapSim, DefaultSensorsCarryTheirFramesCleanlyAcrossReleases) {
   auto run = runSimulator(

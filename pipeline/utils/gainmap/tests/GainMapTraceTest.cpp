@@ -1,3 +1,5 @@
+#include <unistd.h>
+
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -17,11 +19,13 @@ using qelcam::host::TraceEvent;
 // What the trace service hands its listeners while the test runs.
 class TraceRecord {
  public:
-  TraceRecord()
-      : mListener([this](TraceEvent const& event) {
-          std::lock_guard<std::mutex> lock(mMutex);
-          mEvents.push_back(event);
-        }) {}
+  explicit TraceRecord(uint32_t kinds = NSCam::Utils::Trace::kAllKinds)
+      : mListener(
+            [this](TraceEvent const& event) {
+              std::lock_guard<std::mutex> lock(mMutex);
+              mEvents.push_back(event);
+            },
+            kinds) {}
 
   std::vector<TraceEvent> events() {
     std::lock_guard<std::mutex> lock(mMutex);
@@ -123,7 +127,8 @@ TEST_F(GainMapTraceTest, EveryProducerRefusalIsAnInstantWithItsReason) {
 }
 
 TEST_F(GainMapTraceTest, EveryConsumerAndReturnRefusalIsAnInstantWithItsReason) {
-  TraceRecord trace;
+  // Refusals alone, as a tool that follows them without the timeline sees them.
+  TraceRecord trace(NSCam::Utils::Trace::kInstants);
   auto pool = createdPool(fourByThree(1, 1));
   auto taken = pool->getProducerBuffer();
   ASSERT_TRUE(taken);
@@ -149,6 +154,9 @@ TEST_F(GainMapTraceTest, EveryConsumerAndReturnRefusalIsAnInstantWithItsReason) 
   auto twoModes = createdPool(poolParams({{0, MSize(4000, 3000)}, {1, MSize(4000, 2250)}}, 1, 1));
   EXPECT_FALSE(twoModes->getConsumerBuffer(0, 0));
 
+  for (auto const& event : trace.events()) {
+    EXPECT_EQ(event.phase, 'i') << event.name;
+  }
   EXPECT_EQ(trace.refusals(), (std::vector<std::string>{
                                   "onGetConsumerBuffer: held by the producer [0]",
                                   "onSetConsumerBuffer: held by the producer [0]",
@@ -207,7 +215,8 @@ TEST_F(GainMapTraceTest, SlotOccupancyAndPoolCountersFollowTheLending) {
 }
 
 TEST_F(GainMapTraceTest, LendingCallsAndQueuedStepsAreSlicesInAValidTraceFile) {
-  std::string const path = ::testing::TempDir() + "gainmap_pool_trace.json";
+  std::string const path =
+      ::testing::TempDir() + "gainmap_pool_trace_" + std::to_string(getpid()) + ".json";
   ASSERT_TRUE(qelcam::host::startTrace(path));
   auto pool = createdPool(fourByThree(1, 1));
   ASSERT_EQ(produce(*pool, 40), 0);
