@@ -344,6 +344,11 @@ std::shared_ptr<GainMapBufPoolImp::BufSlot> GainMapBufPoolImp::onGetProducerBuff
   std::shared_ptr<BufSlotImp> slot;
   {
     MutexLocker poolLock(mLock);
+    // A whole release task may have run since the check above; it marks the pool under mLock.
+    if (mbReleased.load(kAcquire)) {
+      GMP_LOGE("[%s] [s:%d] pool has been marked released", mSensorId);
+      return nullptr;
+    }
     slot = mSlots[mCurrentIndex];
     if (!slot->ready.load(kAcquire)) {
       GMP_LOGW("[%s] [s:%d][i:%zu] slot is not ready", mSensorId, mCurrentIndex);
