@@ -297,9 +297,14 @@ int GainMapBufPoolImp::preAllocOneSlotLocked() {
     {
       std::shared_ptr<BufSlotImp>& slot = mSlots[added];
       MutexLocker slotLock(slot->lock);
-      slot->index = added;
-      slot->validSize = static_cast<int32_t>(mBatchSize);
-      allocSlotBuffersLocked(slot, added);
+      // A release and resume queued ahead of this task may have reached the slot first: a resume
+      // gave it its memory (and the producer may hold it), a release leaves its memory to the
+      // next resume. Only this queue changes the released mark, so it is stable here.
+      if (!slot->ready.load(kAcquire) && !mbReleased.load(kAcquire)) {
+        slot->index = added;
+        slot->validSize = static_cast<int32_t>(mBatchSize);
+        allocSlotBuffersLocked(slot, added);
+      }
     }
     GMP_LOGD("[%s] [s:%d] async pre alloc slot(i:%d) -", mSensorId, added);
   });

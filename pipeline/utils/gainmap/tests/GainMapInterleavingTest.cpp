@@ -53,5 +53,86 @@ TEST_F(GainMapInterleavingTest, AProducerOvertakenByAWholeReleaseIsRefused) {
   EXPECT_EQ(lockedAdded(), 0u);
 }
 
+TEST_F(GainMapInterleavingTest, ASlotAddedBehindAReleaseAndResumeIsAllocatedOnce) {
+  auto pool = createdPool(fourByThree(1, 2));
+  EXPECT_EQ(produce(*pool, 100), 0);
+  auto reader = pool->getConsumerBuffer(100, 0);
+  ASSERT_TRUE(reader);
+  EXPECT_EQ(produce(*pool, 101), 1);
+
+  ScriptedLogger script;
+  // The queue stops right after the release's barrier, so the release task waits on it.
+  script.onLine("[operator()] Wait for CTM createPool/resumePool done", [this] { hold(); });
+  script.parkOn("[operator()] [s:3] async pre alloc slot(i:2) +");
+  EXPECT_EQ(pool->setPoolReleased(), 0);
+  EXPECT_EQ(pool->setPoolResume(), 0);
+  // Slot 0 is still read: the rotation grows by slot 2, whose allocation queues behind the resume.
+  EXPECT_FALSE(pool->getProducerBuffer());
+  release();
+  script.waitFor("[operator()] [s:3] async pre alloc slot(i:2) +");
+
+  // The resume gave slot 2 its memory; the producer reaches it and fills it.
+  EXPECT_EQ(pool->setConsumerBuffer(reader), 0);
+  EXPECT_EQ(produce(*pool, 102), 0);
+  EXPECT_EQ(produce(*pool, 103), 1);
+  auto writing = pool->getProducerBuffer();
+  ASSERT_TRUE(writing);
+  ASSERT_EQ(writing->index, 2);
+  auto written = buffersOf(writing);
+  ASSERT_EQ(written.size(), 1u);
+  bytesOf(written[0])[0] = 0x5a;
+
+  script.letGo("[operator()] [s:3] async pre alloc slot(i:2) +");
+  waitIdle();
+  EXPECT_EQ(count("[operator()] [s:3] async pre alloc slot(i:2) -", kDebug), 1);
+  // The late allocation left the holder's buffers alone.
+  EXPECT_EQ(buffersOf(writing), written);
+  EXPECT_EQ(pool->setProducerBuffer(104, 1, writing), 0);
+  auto frame = pool->getConsumerBuffer(104, 2);
+  ASSERT_TRUE(frame);
+  EXPECT_EQ(bytesOf(buffersOf(frame)[0])[0], 0x5a);
+  EXPECT_EQ(pool->setConsumerBuffer(frame), 0);
+  EXPECT_EQ(dumpNow(*pool), std::string("[s:3] released(0) ") + kDumpHeader +
+                                "[0]: (0, 0, 1, 102, 1), [1]: (0, 0, 1, 103, 1), "
+                                "[2]: (0, 0, 1, 104, 1), [3]: (0, 0, 1, 0, 0), }");
+  // Two heaps at creation, two at the resume (slots 1 and 2), none since.
+  EXPECT_EQ(qelcam::host::heapStats().heapsCreated, mBaseline.heapsCreated + 4);
+  EXPECT_EQ(heapsAdded(), 3u);
+  EXPECT_EQ(lockedAdded(), 3u);
+}
+
+TEST_F(GainMapInterleavingTest, ASlotAddedBehindAReleaseWaitsForTheResumeForItsMemory) {
+  auto pool = createdPool(fourByThree(1, 2));
+  EXPECT_EQ(produce(*pool, 100), 0);
+  auto reader = pool->getConsumerBuffer(100, 0);
+  ASSERT_TRUE(reader);
+  EXPECT_EQ(produce(*pool, 101), 1);
+
+  ScriptedLogger script;
+  script.onLine("[operator()] Wait for CTM createPool/resumePool done", [this] { hold(); });
+  EXPECT_EQ(pool->setPoolReleased(), 0);
+  EXPECT_FALSE(pool->getProducerBuffer());
+  release();
+  waitIdle();
+
+  // A released pool keeps memory only for the slot its reader still holds.
+  EXPECT_EQ(count("[operator()] [s:3] async pre alloc slot(i:2) -", kDebug), 1);
+  EXPECT_EQ(heapsAdded(), 1u);
+  EXPECT_EQ(pool->setConsumerBuffer(reader), 0);
+  EXPECT_EQ(heapsAdded(), 0u);
+  EXPECT_EQ(dumpNow(*pool), std::string("[s:3] released(1) ") + kDumpHeader +
+                                "[0]: (0, 0, 1, 100, 0), [1]: (0, 0, 1, 101, 0), "
+                                "[2]: (0, 0, 1, 0, 0), [3]: (0, 0, 1, 0, 0), }");
+
+  // The resume gives slot 2 its memory along with the rest of the rotation.
+  EXPECT_EQ(pool->setPoolResume(), 0);
+  waitIdle();
+  EXPECT_EQ(countContaining("slot still has buffer"), 0);
+  EXPECT_EQ(heapsAdded(), 3u);
+  EXPECT_EQ(produce(*pool, 102), 0);
+  EXPECT_EQ(produce(*pool, 103), 1);
+  EXPECT_EQ(produce(*pool, 104), 2);
+}
+
 }  // namespace
 }  // namespace gainmap_test
