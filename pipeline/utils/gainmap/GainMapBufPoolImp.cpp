@@ -429,10 +429,11 @@ int GainMapBufPoolImp::onSetProducerBuffer(long const& key, int const& validSize
   own->validSize = validSize;
   own->producerUser = false;
   own->key = key;
-  if (mbReleased.load(kAcquire) && own->consumerUserCount == 0) {
+  if (lastUserFrees(*own)) {
     GMP_LOGVD(this, "[%s] [s:%d][i:%d] pool marked released, release slot buffers", mSensorId,
               own->index);
     releaseSlotBuffersLocked(own);
+    own->freeOnReturn = false;
   }
   GMP_LOGVD(this, "[%s] [s:%d][i:%d] slot:%p, size:%zu, valid size:%d", mSensorId, own->index,
             static_cast<void*>(own.get()), own->buffers.size(), own->validSize);
@@ -509,15 +510,23 @@ int GainMapBufPoolImp::onSetConsumerBuffer(std::shared_ptr<BufSlot> slot) {
     return kBadValue;
   }
   --own->consumerUserCount;
-  // The last consumer of a released pool frees the slot.
-  if (mbReleased.load(kAcquire) && own->consumerUserCount == 0) {
+  if (lastUserFrees(*own)) {
     GMP_LOGVD(this, "[%s] [s:%d][i:%d] pool marked released and no consumer, release slot buffers",
               mSensorId, own->index);
     releaseSlotBuffersLocked(own);
+    own->freeOnReturn = false;
   }
   GMP_LOGVD(this, "[%s] [s:%d][i:%d] slot:%p, size:%zu, c:%zu", mSensorId, slot->index,
             static_cast<void*>(slot.get()), slot->buffers.size(), own->consumerUserCount);
   return 0;
+}
+
+bool GainMapBufPoolImp::lastUserFrees(BufSlotImp const& slot) {
+  // The mark, not the released flag alone: a resume that has already passed the slot must not
+  // see it freed behind it, and a slot returned before the release task reaches it is freed by
+  // that task.
+  return mbReleased.load(kAcquire) && !slot.producerUser && slot.consumerUserCount == 0 &&
+         slot.freeOnReturn;
 }
 
 bool GainMapBufPoolImp::isLending(char const* func) {
@@ -565,6 +574,7 @@ int GainMapBufPoolImp::setPoolReleased() {
       if (!slot->producerUser && slot->consumerUserCount == 0) {
         releaseSlotBuffersLocked(slot);
       } else {
+        slot->freeOnReturn = true;
         GMP_LOGD("[%s] [s:%d][i:%d] still has users (p:%d, c: %zu)", mSensorId, slot->index,
                  slot->producerUser, slot->consumerUserCount);
       }
@@ -587,6 +597,8 @@ int GainMapBufPoolImp::setPoolResume() {
     for (size_t i = 0; i < mSlotCount.load(kAcquire); ++i) {
       std::shared_ptr<BufSlotImp>& slot = mSlots[i];
       MutexLocker slotLock(slot->lock);
+      // From here until the pool is marked active, a user returning the slot leaves it as it is.
+      slot->freeOnReturn = false;
       if (slot->buffers.empty()) {
         allocSlotBuffersLocked(slot, static_cast<int>(i));
       } else {

@@ -30,6 +30,9 @@ class GainMapBufPoolImp : public NSCam::v3::Utils::IGainMapBufPool {
     bool producerUser GMP_GUARDED_BY(lock) = false;
     size_t consumerUserCount GMP_GUARDED_BY(lock) = 0;
     int64_t key GMP_GUARDED_BY(lock) = 0;
+    // Set by the release task on a slot it found in use, so that the slot's last user frees its
+    // buffers; cleared then, or when a resume reaches the slot first.
+    bool freeOnReturn GMP_GUARDED_BY(lock) = false;
     // set once the slot has buffers; never cleared
     std::atomic<bool> ready{false};
   };
@@ -67,6 +70,8 @@ class GainMapBufPoolImp : public NSCam::v3::Utils::IGainMapBufPool {
   std::shared_ptr<BufSlot> onGetConsumerBuffer(long const& key, int index);
   int onSetConsumerBuffer(std::shared_ptr<BufSlot> slot);
 
+  // Whether a user returning `slot` is its last user in a released pool and so frees it.
+  bool lastUserFrees(BufSlotImp const& slot) GMP_REQUIRES(slot.lock);
   // Whether the pool lends slots now; logs why not as `func`.
   bool isLending(char const* func);
   // The pool's own slot at `index` for a returning user, or empty (logged as `func`) when the

@@ -216,9 +216,8 @@ TEST_F(GainMapConcurrencyTest, FramesFlowWhileThePoolIsReleasedAndResumedUnderne
   EXPECT_EQ(pulledFromReaders.load(), 0);
   EXPECT_GT(intact.load(), 0);
 
-  // Every slot is free and holds a whole batch or nothing, and the memory alive is exactly that of
-  // the slots holding a batch. (A slot held while a resume passed it and returned before the
-  // resume ended is freed by its last user, so even the rotation may have slots without memory.)
+  // Every slot is free; the slots of the rotation hold a whole batch and the others nothing, and
+  // the memory alive is exactly that of the rotation.
   std::string const dump = dumpNow(*pool);
   std::string const head = std::string("[s:3] released(0) ") + kDumpHeader;
   ASSERT_EQ(dump.rfind(head, 0), 0u) << dump;
@@ -238,6 +237,7 @@ TEST_F(GainMapConcurrencyTest, FramesFlowWhileThePoolIsReleasedAndResumedUnderne
     EXPECT_EQ(index, static_cast<int>(slots));
     EXPECT_EQ(producerUser, 0) << "slot " << index;
     EXPECT_EQ(consumerUsers, 0u) << "slot " << index;
+    EXPECT_EQ(buffers, withBuffers == slots ? buffers : 0u) << "slot " << index;
     EXPECT_TRUE(buffers == 2 || buffers == 0) << "slot " << index;
     withBuffers += buffers == 2 ? 1 : 0;
     ++slots;
@@ -246,6 +246,7 @@ TEST_F(GainMapConcurrencyTest, FramesFlowWhileThePoolIsReleasedAndResumedUnderne
   }
   EXPECT_STREQ(item, "}") << dump;
   EXPECT_EQ(slots, 6u);
+  EXPECT_GE(withBuffers, 3u);
   EXPECT_EQ(heapsAdded(), withBuffers);
   EXPECT_EQ(lockedAdded(), 2 * withBuffers);
 

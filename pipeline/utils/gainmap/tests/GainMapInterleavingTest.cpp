@@ -134,5 +134,79 @@ TEST_F(GainMapInterleavingTest, ASlotAddedBehindAReleaseWaitsForTheResumeForItsM
   EXPECT_EQ(produce(*pool, 104), 2);
 }
 
+TEST_F(GainMapInterleavingTest, SlotsReturnedWhileTheResumeRunsKeepTheirMemory) {
+  verbose();
+  auto pool = createdPool(fourByThree(1, 3));
+  EXPECT_EQ(produce(*pool, 100), 0);
+  auto reader = pool->getConsumerBuffer(100, 0);
+  ASSERT_TRUE(reader);
+  auto writing = pool->getProducerBuffer();
+  ASSERT_TRUE(writing);
+  EXPECT_EQ(pool->setPoolReleased(), 0);
+  waitIdle();
+  EXPECT_EQ(heapsAdded(), 2u);
+
+  // The resume has passed the two held slots, which keep their memory, and allocates slot 2.
+  ScriptedLogger script;
+  script.parkOn("[allocSlotBuffersLocked] [s:3][i:2][b:0] buffer created");
+  EXPECT_EQ(pool->setPoolResume(), 0);
+  script.waitFor("[allocSlotBuffersLocked] [s:3][i:2][b:0] buffer created");
+  EXPECT_EQ(count("[operator()] [s:3][i:0] slot still has buffer, size:1 (p:0, c:1)", kInfo), 1);
+  EXPECT_EQ(count("[operator()] [s:3][i:1] slot still has buffer, size:1 (p:1, c:0)", kInfo), 1);
+
+  // Both users return their slots before the pool is marked active again.
+  EXPECT_EQ(pool->setConsumerBuffer(reader), 0);
+  EXPECT_EQ(pool->setProducerBuffer(101, 1, writing), 0);
+  script.letGo("[allocSlotBuffersLocked] [s:3][i:2][b:0] buffer created");
+  waitIdle();
+
+  EXPECT_EQ(countContaining("release slot buffers"), 0);
+  EXPECT_EQ(dumpNow(*pool), std::string("[s:3] released(0) ") + kDumpHeader +
+                                "[0]: (0, 0, 1, 100, 1), [1]: (0, 0, 1, 101, 1), "
+                                "[2]: (0, 0, 1, 0, 1), [3]: (0, 0, 1, 0, 0), "
+                                "[4]: (0, 0, 1, 0, 0), [5]: (0, 0, 1, 0, 0), }");
+  EXPECT_EQ(heapsAdded(), 3u);
+  EXPECT_EQ(lockedAdded(), 3u);
+  // Every slot the producer is lent has its memory.
+  for (int i : {2, 0, 1}) {
+    auto slot = pool->getProducerBuffer();
+    ASSERT_TRUE(slot);
+    EXPECT_EQ(slot->index, i);
+    EXPECT_EQ(stateOf(slot).buffers, 1u);
+    EXPECT_EQ(pool->setProducerBuffer(200 + i, 1, slot), 0);
+  }
+}
+
+TEST_F(GainMapInterleavingTest, ASlotReturnedBeforeTheReleaseTaskReachesItIsStillFreed) {
+  auto pool = createdPool(fourByThree(1, 2));
+  auto writing = pool->getProducerBuffer();
+  ASSERT_TRUE(writing);
+  EXPECT_EQ(pool->setProducerBuffer(100, 1, writing), 0);
+  auto reader = pool->getConsumerBuffer(100, 0);
+  ASSERT_TRUE(reader);
+  writing = pool->getProducerBuffer();
+  ASSERT_TRUE(writing);
+  ASSERT_EQ(writing->index, 1);
+
+  // The release task has marked the pool and stops at slot 0, before it reaches slot 1.
+  ScriptedLogger script;
+  script.parkOn("[operator()] [s:3][i:0] still has users (p:0, c: 1)");
+  EXPECT_EQ(pool->setPoolReleased(), 0);
+  script.waitFor("[operator()] [s:3][i:0] still has users (p:0, c: 1)");
+  EXPECT_EQ(pool->setProducerBuffer(101, 1, writing), 0);
+  script.letGo("[operator()] [s:3][i:0] still has users (p:0, c: 1)");
+  waitIdle();
+
+  // Slot 1 was idle when the task reached it; slot 0 goes with its reader.
+  EXPECT_EQ(countContaining("[s:3][i:1] still has users"), 0);
+  EXPECT_EQ(heapsAdded(), 1u);
+  EXPECT_EQ(pool->setConsumerBuffer(reader), 0);
+  EXPECT_EQ(heapsAdded(), 0u);
+  EXPECT_EQ(lockedAdded(), 0u);
+  EXPECT_EQ(dumpNow(*pool), std::string("[s:3] released(1) ") + kDumpHeader +
+                                "[0]: (0, 0, 1, 100, 0), [1]: (0, 0, 1, 101, 0), "
+                                "[2]: (0, 0, 1, 0, 0), [3]: (0, 0, 1, 0, 0), }");
+}
+
 }  // namespace
 }  // namespace gainmap_test
