@@ -74,10 +74,16 @@ class GAINMAP_EXPORT IGainMapBufPoolManager {
     std::unordered_map<uint32_t, NSCam::MSize> sensorSizes;
     // Buffers per slot; 0 and 1 both mean 1.
     uint32_t batchSize = 0;
-    // Slots in the rotation at the start; the rotation may grow to twice this.
+    // Slots in the rotation at the start; the rotation may grow to twice this. Must be below
+    // kSlotCountLimit, which no camera reaches.
     uint32_t slotCount = 0;
     // The creating client's key for destroyAllPools.
     int32_t uniKey = 0;
+
+    // Parameters that cannot make a working pool (no sensor mode, a size that is not positive,
+    // slotCount at or above this bound, or slots of 0 bytes or 2 GiB and more) give a pool that
+    // logs why, allocates nothing and lends nothing.
+    static constexpr uint32_t kSlotCountLimit = 1024;
   };
 
   static std::shared_ptr<IGainMapBufPoolManager> getInstance();

@@ -7,6 +7,7 @@
 
 #include "GainMapBufPoolImp.h"
 
+#include <cinttypes>
 #include <sstream>
 #include <tuple>
 
@@ -31,6 +32,9 @@ constexpr int32_t kBlobFormat = 0x21;
 constexpr int kBadValue = -22;
 constexpr unsigned int kPostPriority = 1;
 constexpr int32_t kQueuePriority = 1;
+
+// A slot's block must be allocatable as one 32-bit signed size.
+constexpr uint64_t kMaxBlockBytes = 0x7fffffff;
 
 constexpr auto kAcquire = std::memory_order_acquire;
 constexpr auto kRelease = std::memory_order_release;
@@ -79,9 +83,6 @@ GainMapBufPoolImp::GainMapBufPoolImp(PoolParameters const& params, bool laggingA
       mPreAllocIndex(-1),
       mbReleased(false),
       mbInitialized(false) {
-  if (mSensorSizes.empty()) {
-    GMP_LOGE("[%s] [s:%d] no sensor size given, the pool's slots get no buffer", mSensorId);
-  }
   std::tie(mWorstSensorMode, mWorstSensorSize) = determineWorstSensorSize();
   mImgParams = determineBufferParams();
   mAllocParam = determineAllocParam();
@@ -91,6 +92,11 @@ GainMapBufPoolImp::GainMapBufPoolImp(PoolParameters const& params, bool laggingA
       "mMaxSlotCount(%d) laggingAlloc(%d)",
       mSensorId, toString(mSensorSizes).c_str(), mBatchSize, mSlotCount.load(kAcquire),
       mMaxSlotCount, laggingAlloc ? 1 : 0);
+  if (!isWorkable(params)) {
+    // Like a pool of no slots: nothing is made or allocated, nothing is lent.
+    mSlotCount.store(0, kRelease);
+    mMaxSlotCount = 0;
+  }
   mCallerName = kCallerName;
   mPoolName = kPoolNamePrefix + std::to_string(mSensorId);
 
@@ -251,6 +257,51 @@ GainMapBufPoolImp::ImgBufInfoMap GainMapBufPoolImp::determineImgBufInfos() {
     infos.emplace(mode, info);
   }
   return infos;
+}
+
+bool GainMapBufPoolImp::isWorkable(PoolParameters const& params) {
+  bool workable = true;
+  if (mSensorSizes.empty()) {
+    GMP_LOGE("[%s] [s:%d] sensorSizes has no sensor mode", mSensorId);
+    workable = false;
+  }
+  for (auto const& [mode, size] : mSensorSizes) {
+    if (size.w <= 0 || size.h <= 0) {
+      GMP_LOGE("[%s] [s:%d] sensorSizes[%u] (%dx%d) is not a positive size", mSensorId, mode,
+               size.w, size.h);
+      workable = false;
+    }
+  }
+  if (params.slotCount >= PoolParameters::kSlotCountLimit) {
+    GMP_LOGE("[%s] [s:%d] slotCount(%u) is not below %u", mSensorId, params.slotCount,
+             PoolParameters::kSlotCountLimit);
+    workable = false;
+  }
+  if (workable) {
+    // The slot's block as the geometry computed it, against the same product without wrapping.
+    uint64_t const exact = exactBlockBytes();
+    auto const computed = static_cast<uint32_t>(mAllocParam.imgSize.w);
+    if (exact == 0 || exact > kMaxBlockBytes || exact != computed) {
+      GMP_LOGE("[%s] [s:%d] sensorSizes[%u] (%dx%d) with batchSize(%u) gives slots of %" PRIu64
+               " bytes, %u in 32 bits; a slot takes 1 to %" PRIu64 " bytes",
+               mSensorId, mWorstSensorMode, mWorstSensorSize.w, mWorstSensorSize.h,
+               params.batchSize, exact, computed, kMaxBlockBytes);
+      workable = false;
+    }
+  }
+  return workable;
+}
+
+uint64_t GainMapBufPoolImp::exactBlockBytes() const {
+  ImgParam const& worst = mImgParams.at(mWorstSensorMode);
+  uint64_t const height =
+      (static_cast<uint64_t>(mWorstSensorSize.h) * kGainMapWidth / mWorstSensorSize.w + 1) & ~1ull;
+  uint64_t bytes = 0;
+  if (__builtin_mul_overflow(height, static_cast<uint64_t>(worst.strideInBytes), &bytes) ||
+      __builtin_mul_overflow(bytes, static_cast<uint64_t>(mBatchSize), &bytes)) {
+    return UINT64_MAX;
+  }
+  return bytes;
 }
 
 int GainMapBufPoolImp::allocSlotBuffersLocked(std::shared_ptr<BufSlotImp>& slot, int index) {

@@ -70,6 +70,12 @@ class GainMapBufPoolImp : public NSCam::v3::Utils::IGainMapBufPool {
   std::shared_ptr<BufSlot> onGetConsumerBuffer(long const& key, int index);
   int onSetConsumerBuffer(std::shared_ptr<BufSlot> slot);
 
+  // Whether the parameters can make a working pool: at least one sensor mode, positive sensor
+  // sizes, a slot count below PoolParameters::kSlotCountLimit, and a worst-mode block of 1 byte to
+  // 2^31 - 1 bytes as the geometry computes it without wrapping. Logs one error per problem.
+  bool isWorkable(PoolParameters const& params);
+  // The worst mode's block, computed without wrapping (saturated); every size positive.
+  uint64_t exactBlockBytes() const;
   // Whether a user returning `slot` is its last user in a released pool and so frees it.
   bool lastUserFrees(BufSlotImp const& slot) GMP_REQUIRES(slot.lock);
   // Whether the pool lends slots now; logs why not as `func`.
