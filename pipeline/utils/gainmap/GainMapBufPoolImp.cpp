@@ -305,7 +305,12 @@ uint64_t GainMapBufPoolImp::exactBlockBytes() const {
 }
 
 int GainMapBufPoolImp::allocSlotBuffersLocked(std::shared_ptr<BufSlotImp>& slot, int index) {
-  slot->useSizeMap = mImgParams.size() > 1;
+  // A resume reaches multi-mode slots that a user holds and reads: fields that keep their value
+  // are not written.
+  bool const useSizeMap = mImgParams.size() > 1;
+  if (slot->useSizeMap != useSizeMap) {
+    slot->useSizeMap = useSizeMap;
+  }
   std::shared_ptr<qcam::IImageBufferHeap> heap = qcam::IImageBufferHeapFactory::create(
       mCallerName.c_str(), mPoolName.c_str(), mAllocParam, false);
   if (!heap) {
@@ -325,8 +330,12 @@ int GainMapBufPoolImp::allocSlotBuffersLocked(std::shared_ptr<BufSlotImp>& slot,
     if (!slot->useSizeMap) {
       slot->buffers = bufs;
     } else {
-      // Modes of the same sensor size share the buffers of the mode met first.
-      slot->buffersBySize.emplace(mSensorSizes.at(mode), bufs);
+      // Modes of the same sensor size share the buffers of the mode met first; a size the slot
+      // still has keeps its buffers, and the new ones are dropped with the heap.
+      MSize const& size = mSensorSizes.at(mode);
+      if (slot->buffersBySize.find(size) == slot->buffersBySize.end()) {
+        slot->buffersBySize.emplace(size, bufs);
+      }
     }
   }
   slot->ready.store(true, kRelease);
