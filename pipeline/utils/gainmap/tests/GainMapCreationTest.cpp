@@ -1,5 +1,8 @@
 #include <gtest/gtest.h>
 
+#include <cstdio>
+#include <new>
+
 #include "PoolTestSupport.h"
 
 namespace gainmap_test {
@@ -201,6 +204,21 @@ TEST_F(GainMapCreationTest, AHeapThatCannotBeHadEndsTheProcess) {
         qelcam::host::waitQueuesIdle();
       },
       "\\[allocSlotBuffersLocked:line-[0-9]+\\] \\[s:3\\]\\[i:0\\] create heap fail");
+}
+
+TEST_F(GainMapCreationTest, AFailureInsideAQueuedStepEndsTheProcess) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  // The creation task fails half-way, as an allocation that cannot be had would.
+  EXPECT_DEATH(
+      {
+        ScriptedLogger script;
+        script.onLine("[operator()] [s:3] async create pool start", [] { throw std::bad_alloc(); });
+        auto pool = std::make_shared<Pool>(fourByThree(1, 2), false);
+        waitIdle();
+        std::fprintf(stderr, "the pool lived on, initialised: %d\n",
+                     pool->getProducerBuffer() != nullptr);
+      },
+      "terminate called after throwing an instance of 'std::bad_alloc'");
 }
 
 }  // namespace
