@@ -26,8 +26,10 @@ class Pacer {
 
   void waitForConsumers(long announced) {
     std::unique_lock<std::mutex> lock(mMutex);
-    mChanged.wait(
-        lock, [&] { return *std::min_element(mDone.begin(), mDone.end()) + mAhead >= announced; });
+    waitUntil(
+        mChanged, lock,
+        [&] { return *std::min_element(mDone.begin(), mDone.end()) + mAhead >= announced; },
+        "the consumers to catch up with the producer");
   }
 
   void consumed(int consumer) {
@@ -66,7 +68,8 @@ class FrameQueue {
 
   std::optional<Frame> pop() {
     std::unique_lock<std::mutex> lock(mMutex);
-    mReady.wait(lock, [this] { return !mFrames.empty(); });
+    waitUntil(
+        mReady, lock, [this] { return !mFrames.empty(); }, "the producer to announce a frame");
     auto frame = mFrames.front();
     mFrames.pop_front();
     return frame;
@@ -204,7 +207,7 @@ TEST_F(GainMapConcurrencyTest, FramesFlowWhileThePoolIsReleasedAndResumedUnderne
     consumer.join();
   }
   switcher.join();
-  qelcam::host::waitQueuesIdle();
+  waitIdle();
   ULogger::sMode = 0x2;
 
   EXPECT_GT(attemptsLeft.load(), 0) << "the producer gave up";

@@ -140,7 +140,7 @@ TEST_F(GainMapCreationTest, ProducersAndConsumersAreRefusedUntilTheCreationTaskH
   EXPECT_EQ(heapsAdded(), 0u);
 
   release();
-  qelcam::host::waitQueuesIdle();
+  waitIdle();
   auto slot = pool->getProducerBuffer();
   ASSERT_TRUE(slot);
   EXPECT_EQ(slot->index, 0);
@@ -165,7 +165,7 @@ TEST_F(GainMapCreationTest, APoolWithoutSlotsIsActiveButHasNothingToLend) {
       count("[onGetConsumerBuffer] [s:3] request invalid index(0). Number of slots(0)", kError), 1);
   EXPECT_EQ(pool->setPoolReleased(), 0);
   EXPECT_EQ(pool->setPoolResume(), 0);
-  qelcam::host::waitQueuesIdle();
+  waitIdle();
   EXPECT_EQ(dumpNow(*pool), std::string("[s:3] released(0) ") + kDumpHeader + "}");
 }
 
@@ -201,7 +201,7 @@ TEST_F(GainMapCreationTest, AHeapThatCannotBeHadEndsTheProcess) {
       {
         qelcam::host::failHeapCreates(1);
         auto pool = std::make_shared<Pool>(fourByThree(1, 2), false);
-        qelcam::host::waitQueuesIdle();
+        waitIdle();
       },
       "\\[allocSlotBuffersLocked:line-[0-9]+\\] \\[s:3\\]\\[i:0\\] create heap fail");
 }

@@ -111,6 +111,7 @@ TEST_F(GainMapInterleavingTest, ASlotAddedBehindAReleaseAndResumeIsAllocatedOnce
   EXPECT_EQ(qelcam::host::heapStats().heapsCreated, mBaseline.heapsCreated + 4);
   EXPECT_EQ(heapsAdded(), 3u);
   EXPECT_EQ(lockedAdded(), 3u);
+  EXPECT_EQ(droppedLockedAdded(), 0u);
 }
 
 TEST_F(GainMapInterleavingTest, ASlotAddedBehindAReleaseWaitsForTheResumeForItsMemory) {
@@ -255,6 +256,7 @@ TEST_F(GainMapInterleavingTest, AResumeWritesNothingAHolderOfAMultiModeSlotReads
   // dropped it with the buffers it did not need.
   EXPECT_EQ(qelcam::host::heapStats().heapsCreated, mBaseline.heapsCreated + 2);
   EXPECT_EQ(heapsAdded(), 1u);
+  EXPECT_EQ(droppedLockedAdded(), 2u);
   EXPECT_EQ(pool->setProducerBuffer(5, 0, writing), 0);
 }
 

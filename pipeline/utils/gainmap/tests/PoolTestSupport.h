@@ -415,6 +415,9 @@ class PoolTest : public ::testing::Test {
   uint64_t lockedAdded() const {
     return qelcam::host::heapStats().buffersLocked - mBaseline.buffersLocked;
   }
+  uint64_t droppedLockedAdded() const {
+    return qelcam::host::heapStats().buffersDroppedLocked - mBaseline.buffersDroppedLocked;
+  }
 
   // Takes the next slot and hands it back stamped with `key`; the slot's index.
   int produce(Pool& pool, int64_t key) {
