@@ -36,6 +36,12 @@ constexpr int32_t kQueuePriority = 1;
 // A slot's block must be allocatable as one 32-bit signed size.
 constexpr uint64_t kMaxBlockBytes = 0x7fffffff;
 
+// Queued steps log under the name of the lambdas that run them on the queue.
+constexpr char kStepName[] = "operator()";
+
+// Every flag and count is published with a release store and read with acquire loads: a reader
+// that sees the new value sees what was written before it (slots, buffers). Nothing needs a total
+// order across different atomics; where two must agree, a lock orders them.
 constexpr auto kAcquire = std::memory_order_acquire;
 constexpr auto kRelease = std::memory_order_release;
 
@@ -94,6 +100,7 @@ GainMapBufPoolImp::GainMapBufPoolImp(PoolParameters const& params, bool laggingA
       mMaxSlotCount, laggingAlloc ? 1 : 0);
   if (!isWorkable(params)) {
     // Like a pool of no slots: nothing is made or allocated, nothing is lent.
+    // Not yet shared: any order would do; release matches every other store.
     mSlotCount.store(0, kRelease);
     mMaxSlotCount = 0;
   }
@@ -106,30 +113,7 @@ GainMapBufPoolImp::GainMapBufPoolImp(PoolParameters const& params, bool laggingA
   mTaskQueue = CentralTaskMgr::createQueue(queueParam);
 
   // Slots and their memory are made on the queue: the caller holds the manager's lock.
-  post([this] {
-    GMP_LOGD("[%s] [s:%d] async create pool start", mSensorId);
-    {
-      MutexLocker poolLock(mLock);
-      mSlots.resize(mMaxSlotCount);
-      for (size_t i = 0; i < mSlots.size(); ++i) {
-        mSlots[i] = std::make_shared<BufSlotImp>();
-        if (!mSlots[i]) {
-          GMP_LOGF("[%s:line-%d] [s:%d][i:%zu] create buffer slot failed", mSensorId, i);
-        }
-        std::shared_ptr<BufSlotImp>& slot = mSlots[i];
-        MutexLocker slotLock(slot->lock);
-        slot->index = static_cast<int32_t>(i);
-        slot->validSize = static_cast<int32_t>(mBatchSize);
-        if (!mbLaggingAlloc && i < mSlotCount.load(kAcquire)) {
-          allocSlotBuffersLocked(slot, static_cast<int>(i));
-        }
-      }
-    }
-    mbReleased.store(mbLaggingAlloc, kRelease);
-    mbInitialized.store(true, kRelease);
-    GMP_LOGD("[%s] [s:%d] async create pool done", mSensorId);
-    dump();
-  });
+  post([this] { runCreation(); });
 }
 
 GainMapBufPoolImp::~GainMapBufPoolImp() {
@@ -351,23 +335,9 @@ int GainMapBufPoolImp::preAllocOneSlotLocked() {
   auto const added = static_cast<int32_t>(mSlotCount.load(kAcquire));
   mPreAllocIndex = added;
   // From here the slot is in the rotation, not ready until its task has run.
+  // Sequentially consistent, under mLock; readers need only see the slot count grow.
   mSlotCount.fetch_add(1);
-  post([this, added] {
-    GMP_LOGD("[%s] [s:%d] async pre alloc slot(i:%d) +", mSensorId, added);
-    {
-      std::shared_ptr<BufSlotImp>& slot = mSlots[added];
-      MutexLocker slotLock(slot->lock);
-      // A release and resume queued ahead of this task may have reached the slot first: a resume
-      // gave it its memory (and the producer may hold it), a release leaves its memory to the
-      // next resume. Only this queue changes the released mark, so it is stable here.
-      if (!slot->ready.load(kAcquire) && !mbReleased.load(kAcquire)) {
-        slot->index = added;
-        slot->validSize = static_cast<int32_t>(mBatchSize);
-        allocSlotBuffersLocked(slot, added);
-      }
-    }
-    GMP_LOGD("[%s] [s:%d] async pre alloc slot(i:%d) -", mSensorId, added);
-  });
+  post([this, added] { runPreAlloc(added); });
   return 0;
 }
 
@@ -619,57 +589,108 @@ std::shared_ptr<GainMapBufPoolImp::BufSlotImp> GainMapBufPoolImp::slotToReturn(c
 
 int GainMapBufPoolImp::setPoolReleased() {
   // Creation, resume and slot allocations queued before must be done before anything is freed.
-  waitFor(post([] { GMP_LOGD("[%s] Wait for CTM createPool/resumePool done"); }));
-  post([this] {
-    GMP_LOGD("[%s] [setPoolReleased] [s:%d] async +", mSensorId);
-    MutexLocker poolLock(mLock);
-    if (mbReleased.load(kAcquire)) {
-      GMP_LOGW("[%s] [s:%d] has already been marked released", mSensorId);
-      return;
-    }
-    // Set before the slots are visited, so users returning a slot from now on free it.
-    mbReleased.store(true, kRelease);
-    for (std::shared_ptr<BufSlotImp>& slot : mSlots) {
-      MutexLocker slotLock(slot->lock);
-      if (!slot->producerUser && slot->consumerUserCount == 0) {
-        releaseSlotBuffersLocked(slot);
-      } else {
-        slot->freeOnReturn = true;
-        GMP_LOGD("[%s] [s:%d][i:%d] still has users (p:%d, c: %zu)", mSensorId, slot->index,
-                 slot->producerUser, slot->consumerUserCount);
-      }
-    }
-    GMP_LOGD("[%s] [setPoolReleased] [s:%d] async -", mSensorId);
-  });
+  waitFor(post([] { runReleaseBarrier(); }));
+  post([this] { runRelease(); });
   return 0;
 }
 
 int GainMapBufPoolImp::setPoolResume() {
   // No barrier: the queue runs this behind any earlier release.
-  post([this] {
-    GMP_LOGD("[%s] [setPoolResume] [s:%d] async +", mSensorId);
+  post([this] { runResume(); });
+  return 0;
+}
+
+void GainMapBufPoolImp::runCreation() {
+  GMP_LOGD_AS(kStepName, "[%s] [s:%d] async create pool start", mSensorId);
+  {
     MutexLocker poolLock(mLock);
-    if (!mbReleased.load(kAcquire)) {
-      GMP_LOGW("[%s] [s:%d] has already been set resume", mSensorId);
-      return;
-    }
-    // Every slot of the rotation as it stands now, grown ones included.
-    for (size_t i = 0; i < mSlotCount.load(kAcquire); ++i) {
+    mSlots.resize(mMaxSlotCount);
+    for (size_t i = 0; i < mSlots.size(); ++i) {
+      mSlots[i] = std::make_shared<BufSlotImp>();
+      if (!mSlots[i]) {
+        GMP_LOGF_AS(kStepName, "[%s:line-%d] [s:%d][i:%zu] create buffer slot failed", mSensorId,
+                    i);
+      }
       std::shared_ptr<BufSlotImp>& slot = mSlots[i];
       MutexLocker slotLock(slot->lock);
-      // From here until the pool is marked active, a user returning the slot leaves it as it is.
-      slot->freeOnReturn = false;
-      if (slot->buffers.empty()) {
+      slot->index = static_cast<int32_t>(i);
+      slot->validSize = static_cast<int32_t>(mBatchSize);
+      if (!mbLaggingAlloc && i < mSlotCount.load(kAcquire)) {
         allocSlotBuffersLocked(slot, static_cast<int>(i));
-      } else {
-        GMP_LOGI("[%s] [s:%d][i:%zu] slot still has buffer, size:%zu (p:%d, c:%zu)", mSensorId, i,
-                 slot->buffers.size(), slot->producerUser, slot->consumerUserCount);
       }
     }
-    mbReleased.store(false, kRelease);
-    GMP_LOGD("[%s] [setPoolResume] [s:%d] async -", mSensorId);
-  });
-  return 0;
+  }
+  mbReleased.store(mbLaggingAlloc, kRelease);
+  mbInitialized.store(true, kRelease);
+  GMP_LOGD_AS(kStepName, "[%s] [s:%d] async create pool done", mSensorId);
+  dump();
+}
+
+void GainMapBufPoolImp::runPreAlloc(int32_t index) {
+  GMP_LOGD_AS(kStepName, "[%s] [s:%d] async pre alloc slot(i:%d) +", mSensorId, index);
+  {
+    std::shared_ptr<BufSlotImp>& slot = mSlots[index];
+    MutexLocker slotLock(slot->lock);
+    // A release and resume queued ahead of this task may have reached the slot first: a resume
+    // gave it its memory (and the producer may hold it), a release leaves its memory to the
+    // next resume. Only this queue changes the released mark, so it is stable here.
+    if (!slot->ready.load(kAcquire) && !mbReleased.load(kAcquire)) {
+      slot->index = index;
+      slot->validSize = static_cast<int32_t>(mBatchSize);
+      allocSlotBuffersLocked(slot, index);
+    }
+  }
+  GMP_LOGD_AS(kStepName, "[%s] [s:%d] async pre alloc slot(i:%d) -", mSensorId, index);
+}
+
+void GainMapBufPoolImp::runReleaseBarrier() {
+  GMP_LOGD_AS(kStepName, "[%s] Wait for CTM createPool/resumePool done");
+}
+
+void GainMapBufPoolImp::runRelease() {
+  GMP_LOGD_AS(kStepName, "[%s] [setPoolReleased] [s:%d] async +", mSensorId);
+  MutexLocker poolLock(mLock);
+  if (mbReleased.load(kAcquire)) {
+    GMP_LOGW_AS(kStepName, "[%s] [s:%d] has already been marked released", mSensorId);
+    return;
+  }
+  // Set before the slots are visited, so users returning a slot from now on free it.
+  mbReleased.store(true, kRelease);
+  for (std::shared_ptr<BufSlotImp>& slot : mSlots) {
+    MutexLocker slotLock(slot->lock);
+    if (!slot->producerUser && slot->consumerUserCount == 0) {
+      releaseSlotBuffersLocked(slot);
+    } else {
+      slot->freeOnReturn = true;
+      GMP_LOGD_AS(kStepName, "[%s] [s:%d][i:%d] still has users (p:%d, c: %zu)", mSensorId,
+                  slot->index, slot->producerUser, slot->consumerUserCount);
+    }
+  }
+  GMP_LOGD_AS(kStepName, "[%s] [setPoolReleased] [s:%d] async -", mSensorId);
+}
+
+void GainMapBufPoolImp::runResume() {
+  GMP_LOGD_AS(kStepName, "[%s] [setPoolResume] [s:%d] async +", mSensorId);
+  MutexLocker poolLock(mLock);
+  if (!mbReleased.load(kAcquire)) {
+    GMP_LOGW_AS(kStepName, "[%s] [s:%d] has already been set resume", mSensorId);
+    return;
+  }
+  // Every slot of the rotation as it stands now, grown ones included.
+  for (size_t i = 0; i < mSlotCount.load(kAcquire); ++i) {
+    std::shared_ptr<BufSlotImp>& slot = mSlots[i];
+    MutexLocker slotLock(slot->lock);
+    // From here until the pool is marked active, a user returning the slot leaves it as it is.
+    slot->freeOnReturn = false;
+    if (slot->buffers.empty()) {
+      allocSlotBuffersLocked(slot, static_cast<int>(i));
+    } else {
+      GMP_LOGI_AS(kStepName, "[%s] [s:%d][i:%zu] slot still has buffer, size:%zu (p:%d, c:%zu)",
+                  mSensorId, i, slot->buffers.size(), slot->producerUser, slot->consumerUserCount);
+    }
+  }
+  mbReleased.store(false, kRelease);
+  GMP_LOGD_AS(kStepName, "[%s] [setPoolResume] [s:%d] async -", mSensorId);
 }
 
 GainMapBufPoolImp::ImgParamMap GainMapBufPoolImp::getPoolImgParams() {
