@@ -64,15 +64,17 @@ class GainMapBufPoolImp : public NSCam::v3::Utils::IGainMapBufPool {
   ImgParam determineAllocParam();
   ImgBufInfoMap determineImgBufInfos();
 
-  int allocSlotBuffersLocked(std::shared_ptr<BufSlotImp>& slot, int index) GMP_REQUIRES(slot->lock);
+  int allocSlotBuffersLocked(std::shared_ptr<BufSlotImp> const& slot, int index)
+      GMP_REQUIRES(slot->lock);
   int preAllocOneSlotLocked() GMP_REQUIRES(mLock);
-  int releaseSlotBuffersLocked(std::shared_ptr<BufSlotImp>& slot) GMP_REQUIRES(slot->lock);
+  int releaseSlotBuffersLocked(std::shared_ptr<BufSlotImp> const& slot) GMP_REQUIRES(slot->lock);
 
  private:
   std::shared_ptr<BufSlot> onGetProducerBuffer() GMP_EXCLUDES(mLock);
-  int onSetProducerBuffer(long const& key, int const& validSize, std::shared_ptr<BufSlot> slot);
+  int onSetProducerBuffer(long const& key, int const& validSize,
+                          std::shared_ptr<BufSlot> const& slot);
   std::shared_ptr<BufSlot> onGetConsumerBuffer(long const& key, int index);
-  int onSetConsumerBuffer(std::shared_ptr<BufSlot> slot);
+  int onSetConsumerBuffer(std::shared_ptr<BufSlot> const& slot);
 
   // The steps run on the pool's queue, one at a time in posting order; each takes the locks it
   // needs.
@@ -92,9 +94,9 @@ class GainMapBufPoolImp : public NSCam::v3::Utils::IGainMapBufPool {
   bool lastUserFrees(BufSlotImp const& slot) GMP_REQUIRES(slot.lock);
   // Whether the pool lends slots now; logs why not as `func`.
   bool isLending(char const* func);
-  // The pool's own slot at `index` for a returning user, or empty (logged as `func`) when the
-  // index is outside the rotation or the slots do not exist yet.
-  std::shared_ptr<BufSlotImp> slotToReturn(char const* func, int index);
+  // Whether a returning user's slot `index` names a slot of the rotation (logged as `func` when
+  // it does not, or when the slots do not exist yet).
+  bool isReturnable(char const* func, int index);
   // Posts `step` to the pool's queue; the handle carries the step's future.
   std::shared_ptr<NSCam::CTM::TaskHandle> post(std::function<void()> step);
   static void waitFor(std::shared_ptr<NSCam::CTM::TaskHandle> const& handle);

@@ -288,7 +288,7 @@ uint64_t GainMapBufPoolImp::exactBlockBytes() const {
   return bytes;
 }
 
-int GainMapBufPoolImp::allocSlotBuffersLocked(std::shared_ptr<BufSlotImp>& slot, int index) {
+int GainMapBufPoolImp::allocSlotBuffersLocked(std::shared_ptr<BufSlotImp> const& slot, int index) {
   // A resume reaches multi-mode slots that a user holds and reads: fields that keep their value
   // are not written.
   bool const useSizeMap = mImgParams.size() > 1;
@@ -341,7 +341,7 @@ int GainMapBufPoolImp::preAllocOneSlotLocked() {
   return 0;
 }
 
-int GainMapBufPoolImp::releaseSlotBuffersLocked(std::shared_ptr<BufSlotImp>& slot) {
+int GainMapBufPoolImp::releaseSlotBuffersLocked(std::shared_ptr<BufSlotImp> const& slot) {
   if (!slot->useSizeMap) {
     for (auto& buffer : slot->buffers) {
       buffer->unlockBuf(mCallerName.c_str());
@@ -376,7 +376,8 @@ std::shared_ptr<GainMapBufPoolImp::BufSlot> GainMapBufPoolImp::onGetProducerBuff
     GMP_LOGE("[%s] [s:%d] pool has no slot to lend", mSensorId);
     return nullptr;
   }
-  std::shared_ptr<BufSlotImp> slot;
+  // The pool keeps its slots alive for the call: only the pointer lent out counts a reference.
+  std::shared_ptr<BufSlotImp> const* taken = nullptr;
   {
     MutexLocker poolLock(mLock);
     // A whole release task may have run since the check above; it marks the pool under mLock.
@@ -384,7 +385,7 @@ std::shared_ptr<GainMapBufPoolImp::BufSlot> GainMapBufPoolImp::onGetProducerBuff
       GMP_LOGE("[%s] [s:%d] pool has been marked released", mSensorId);
       return nullptr;
     }
-    slot = mSlots[mCurrentIndex];
+    std::shared_ptr<BufSlotImp> const& slot = mSlots[mCurrentIndex];
     if (!slot->ready.load(kAcquire)) {
       GMP_LOGW("[%s] [s:%d][i:%zu] slot is not ready", mSensorId, mCurrentIndex);
       return nullptr;
@@ -421,7 +422,9 @@ std::shared_ptr<GainMapBufPoolImp::BufSlot> GainMapBufPoolImp::onGetProducerBuff
     if (mCurrentIndex >= mSlotCount.load(kAcquire)) {
       mCurrentIndex = 0;
     }
+    taken = &slot;
   }
+  std::shared_ptr<BufSlotImp> const& slot = *taken;
   GMP_LOGVD(this, "[%s] [s:%d][i:%d] slot:%p, size:%zu", mSensorId, slot->index,
             static_cast<void*>(slot.get()), slot->buffers.size());
   return slot;
@@ -429,6 +432,7 @@ std::shared_ptr<GainMapBufPoolImp::BufSlot> GainMapBufPoolImp::onGetProducerBuff
 
 int GainMapBufPoolImp::setProducerBuffer(long const& key, int const& validSize,
                                          std::shared_ptr<BufSlot> slot) {
+  // `slot` is the caller's copy, held for the call.
   int status = onSetProducerBuffer(key, validSize, slot);
   if (status != 0) {
     dump();
@@ -437,13 +441,14 @@ int GainMapBufPoolImp::setProducerBuffer(long const& key, int const& validSize,
 }
 
 int GainMapBufPoolImp::onSetProducerBuffer(long const& key, int const& validSize,
-                                           std::shared_ptr<BufSlot> slot) {
+                                           std::shared_ptr<BufSlot> const& slot) {
   GMP_LOGVD(this, "[%s] [s:%d] key: %ld, validSize: %d, slot index: %d", mSensorId, key, validSize,
             indexOf(slot));
-  std::shared_ptr<BufSlotImp> own = slotToReturn(__func__, indexOf(slot));
-  if (!own) {
+  int const index = indexOf(slot);
+  if (!isReturnable(__func__, index)) {
     return kBadValue;
   }
+  std::shared_ptr<BufSlotImp> const& own = mSlots[index];
   MutexLocker slotLock(own->lock);
   // Compared unsigned: a negative count is too many.
   if (static_cast<uint64_t>(static_cast<int64_t>(validSize)) > own->buffers.size()) {
@@ -490,7 +495,7 @@ std::shared_ptr<GainMapBufPoolImp::BufSlot> GainMapBufPoolImp::onGetConsumerBuff
              mSlotCount.load(kAcquire));
     return nullptr;
   }
-  std::shared_ptr<BufSlotImp> slot = mSlots[index];
+  std::shared_ptr<BufSlotImp> const& slot = mSlots[index];
   MutexLocker slotLock(slot->lock);
   if (slot->producerUser) {
     GMP_LOGE("[%s] [s:%d][i:%d] slot has producer user", mSensorId, slot->index);
@@ -521,13 +526,14 @@ int GainMapBufPoolImp::setConsumerBuffer(std::shared_ptr<BufSlot> slot) {
   return status;
 }
 
-int GainMapBufPoolImp::onSetConsumerBuffer(std::shared_ptr<BufSlot> slot) {
+int GainMapBufPoolImp::onSetConsumerBuffer(std::shared_ptr<BufSlot> const& slot) {
   GMP_LOGVD(this, "[%s] [s:%d] consumer slot index(%d), slot count(%d)", mSensorId, indexOf(slot),
             mSlotCount.load(kAcquire));
-  std::shared_ptr<BufSlotImp> own = slotToReturn(__func__, indexOf(slot));
-  if (!own) {
+  int const index = indexOf(slot);
+  if (!isReturnable(__func__, index)) {
     return kBadValue;
   }
+  std::shared_ptr<BufSlotImp> const& own = mSlots[index];
   MutexLocker slotLock(own->lock);
   if (own->producerUser) {
     GMP_LOGE("[%s] [s:%d][i:%d] slot has producer user (p:%d, c:%zu)", mSensorId, own->index,
@@ -572,19 +578,18 @@ bool GainMapBufPoolImp::isLending(char const* func) {
   return true;
 }
 
-std::shared_ptr<GainMapBufPoolImp::BufSlotImp> GainMapBufPoolImp::slotToReturn(char const* func,
-                                                                               int index) {
+bool GainMapBufPoolImp::isReturnable(char const* func, int index) {
   if (index < 0 || static_cast<uint32_t>(index) >= mSlotCount.load(kAcquire)) {
     GMP_LOGE_AS(func, "[%s] [s:%d] invalid slot index(%d). Number of slots(%d)", mSensorId, index,
                 mSlotCount.load(kAcquire));
-    return nullptr;
+    return false;
   }
   // Before the creation task has run, mSlots is still being filled.
   if (!mbInitialized.load(kAcquire)) {
     GMP_LOGW_AS(func, "[%s] [s:%d] pool has not been initialized", mSensorId);
-    return nullptr;
+    return false;
   }
-  return mSlots[index];
+  return true;
 }
 
 int GainMapBufPoolImp::setPoolReleased() {
