@@ -18,6 +18,15 @@ namespace Utils {
 // A pool of gain-map buffer slots for one sensor. One producer takes slots in round-robin order and
 // stamps each with its frame's timestamp; any number of consumers then borrow the slot by index,
 // quoting that timestamp. Every call may come from any thread.
+//
+// Release and destruction:
+// - A frame does not survive a release: a slot nobody holds loses its buffers when the release
+//   runs, a held slot when its last user hands it back, and the resume gives it new, unwritten
+//   ones.
+// - A slot keeps its timestamp and valid size through a release, so a consumer that quotes a
+//   frame from before the release may be lent the slot's fresh memory after the resume.
+// - Destroying the pool may free a slot's buffers while a user still holds the slot; a client
+//   that keeps using a buffer must hold its own reference to it.
 class GAINMAP_EXPORT IGainMapBufPool {
  public:
   // Orders sizes by width, then height, both descending.
