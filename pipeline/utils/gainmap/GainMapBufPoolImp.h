@@ -126,10 +126,10 @@ class GainMapBufPoolImp : public NSCam::v3::Utils::IGainMapBufPool {
   int32_t mPreAllocIndex GMP_GUARDED_BY(mLock);
   // guards mCurrentIndex and mPreAllocIndex, and orders the queue's tasks against the producer
   gainmap::Mutex mLock;
-  // Written only by the queue's steps, under mLock, with release stores. Acquire loads without a
-  // lock refuse early; the producer loads it again under mLock, which orders it against the
-  // release task, and a returning user frees a slot only with the slot's own mark, set under the
-  // slot's lock, so neither path needs a stronger order.
+  // Written only by the queue's steps, with release stores (release and resume under mLock).
+  // Acquire loads without a lock refuse early; the producer loads it again under mLock, which
+  // orders it against the release task, and a returning user frees a slot only with the slot's own
+  // mark, set under the slot's lock, so neither path needs a stronger order.
   std::atomic<bool> mbReleased;
   // Release store at the end of creation, after mSlots is filled: an acquire load that sees true
   // sees every slot object.
