@@ -133,10 +133,14 @@ class GAINMAP_EXPORT IGainMapBufPoolManager {
     std::unordered_map<uint32_t, NSCam::MSize> sensorSizes;
     // Buffers per slot; 0 and 1 both mean 1.
     uint32_t batchSize = 0;
-    // Slots in the rotation at the start; the rotation may grow to twice this.
+    // Slots in the rotation at the start; the rotation may grow to twice this. Must be below
+    // kSlotCountLimit, which no camera reaches.
     uint32_t slotCount = 0;
     // The creating client's key for destroyAllPools.
     int32_t uniKey = 0;
+
+    // The bound of slotCount: at or above it, createPool gives a pool without slots.
+    static constexpr uint32_t kSlotCountLimit = 1024;
   };
 
   // The process's one manager, made by the first call; never empty. It lives until the process

@@ -19,6 +19,7 @@ std::atomic<uint64_t> gHeapsCreated{0};
 std::atomic<uint64_t> gHeapsAlive{0};
 std::atomic<uint64_t> gBytesAlive{0};
 std::atomic<uint64_t> gBuffersLocked{0};
+std::atomic<uint64_t> gBuffersDroppedLocked{0};
 std::atomic<int> gHeapFailures{0};
 std::atomic<int> gFailLockIndex{-1};
 
@@ -94,6 +95,7 @@ class HostImageBuffer : public qcam::IImageBuffer {
   ~HostImageBuffer() override {
     if (mLocked.load()) {
       gBuffersLocked.fetch_sub(1);
+      gBuffersDroppedLocked.fetch_add(1);
     }
   }
 
@@ -239,7 +241,7 @@ namespace host {
 
 HeapStats heapStats() {
   return HeapStats{gHeapsCreated.load(), gHeapsAlive.load(), gBytesAlive.load(),
-                   gBuffersLocked.load()};
+                   gBuffersLocked.load(), gBuffersDroppedLocked.load()};
 }
 
 void failHeapCreates(int count) {

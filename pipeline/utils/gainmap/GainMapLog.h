@@ -138,10 +138,11 @@ void fatalToLogger(char const* plain, A... args) {
   GMP_LOG_CLASS_AS(::gainmap::log::Class::Debug, func, fmt, ##__VA_ARGS__)
 #define GMP_LOGW_AS(func, fmt, ...) \
   GMP_LOG_CLASS_AS(::gainmap::log::Class::Warning, func, fmt, ##__VA_ARGS__)
+#define GMP_LOGI_AS(func, fmt, ...) \
+  GMP_LOG_CLASS_AS(::gainmap::log::Class::Info, func, fmt, ##__VA_ARGS__)
 #define GMP_LOGE(fmt, ...) GMP_LOGE_AS(__func__, fmt, ##__VA_ARGS__)
 #define GMP_LOGW(fmt, ...) GMP_LOGW_AS(__func__, fmt, ##__VA_ARGS__)
-#define GMP_LOGI(fmt, ...) \
-  GMP_LOG_CLASS_AS(::gainmap::log::Class::Info, __func__, fmt, ##__VA_ARGS__)
+#define GMP_LOGI(fmt, ...) GMP_LOGI_AS(__func__, fmt, ##__VA_ARGS__)
 #define GMP_LOGD(fmt, ...) GMP_LOGD_AS(__func__, fmt, ##__VA_ARGS__)
 
 // Verbose debug: only when the owner (a pool) was created with the debug property set.
@@ -153,9 +154,10 @@ void fatalToLogger(char const* plain, A... args) {
   } while (0)
 
 // Fatal: the format begins with "[%s:line-%d] "; the process aborts.
-#define GMP_LOGF(fmt, ...)                                                                        \
-  do {                                                                                            \
-    ::gainmap::log::fatalToLogger(fmt, __func__, __LINE__, ##__VA_ARGS__);                        \
-    __android_log_assert(nullptr, ::gainmap::log::kTag, fmt GMP_ERROR_SUFFIX, __func__, __LINE__, \
-                         ##__VA_ARGS__, __func__, __LINE__, ::gainmap::log::kSourcePath);         \
+#define GMP_LOGF_AS(func, fmt, ...)                                                           \
+  do {                                                                                        \
+    ::gainmap::log::fatalToLogger(fmt, func, __LINE__, ##__VA_ARGS__);                        \
+    __android_log_assert(nullptr, ::gainmap::log::kTag, fmt GMP_ERROR_SUFFIX, func, __LINE__, \
+                         ##__VA_ARGS__, func, __LINE__, ::gainmap::log::kSourcePath);         \
   } while (0)
+#define GMP_LOGF(fmt, ...) GMP_LOGF_AS(__func__, fmt, ##__VA_ARGS__)

@@ -60,6 +60,9 @@ struct HeapStats {
   uint64_t heapsAlive;     // heaps whose memory is still mapped
   uint64_t bytesAlive;     // bytes of those heaps
   uint64_t buffersLocked;  // image buffers locked now
+  // image buffers destroyed while still locked, since process start: memory dropped under a
+  // lock nobody undid
+  uint64_t buffersDroppedLocked;
 };
 HeapStats heapStats();
 // The next `count` heap creations return an empty pointer.

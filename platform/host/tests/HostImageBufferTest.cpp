@@ -97,17 +97,21 @@ TEST(HostImageMemory, BytesGoBackOnlyWhenTheHeapAndItsLastBufferAreGone) {
   EXPECT_FALSE(buffers[0]->unlockBuf("test")) << "already unlocked";
   EXPECT_EQ(buffers[0]->getBufVA(0), 0u) << "no address after unlockBuf";
   EXPECT_EQ(heapStats().buffersLocked, before.buffersLocked + 3);
+  EXPECT_EQ(heapStats().buffersDroppedLocked, before.buffersDroppedLocked);
 
   heap.reset();
   buffers.clear();
   EXPECT_EQ(heapStats().buffersLocked, before.buffersLocked + 1)
       << "locked buffers dropped without unlock stop counting";
+  // Buffers 1 and 2 went still locked; buffer 0 had been unlocked.
+  EXPECT_EQ(heapStats().buffersDroppedLocked, before.buffersDroppedLocked + 2);
   EXPECT_EQ(heapStats().heapsAlive, before.heapsAlive + 1) << "a buffer still holds the memory";
   EXPECT_EQ(heapStats().bytesAlive, before.bytesAlive + 3 * 4096);
   EXPECT_EQ(bytes[499], 0x5a);
 
   again.clear();
   EXPECT_EQ(heapStats().buffersLocked, before.buffersLocked);
+  EXPECT_EQ(heapStats().buffersDroppedLocked, before.buffersDroppedLocked + 3);
   EXPECT_EQ(heapStats().heapsAlive, before.heapsAlive);
   EXPECT_EQ(heapStats().bytesAlive, before.bytesAlive);
   EXPECT_EQ(heapStats().heapsCreated, before.heapsCreated + 1);

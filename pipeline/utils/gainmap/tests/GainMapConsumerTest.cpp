@@ -113,7 +113,7 @@ TEST_F(GainMapConsumerTest, AReleasedPoolRefusesBorrowersButTakesBackWhatIsLent)
   ASSERT_TRUE(second);
 
   EXPECT_EQ(pool->setPoolReleased(), 0);
-  qelcam::host::waitQueuesIdle();
+  waitIdle();
   EXPECT_EQ(heapsAdded(), 1u);
   clearLogs();
   EXPECT_FALSE(pool->getConsumerBuffer(1000, 0));
@@ -140,7 +140,7 @@ TEST_F(GainMapConsumerTest, AReleasedPoolRefusesBorrowersButTakesBackWhatIsLent)
 
   // Borrowing is allowed again after a resume, under the old frame key, with fresh memory.
   EXPECT_EQ(pool->setPoolResume(), 0);
-  qelcam::host::waitQueuesIdle();
+  waitIdle();
   auto again = pool->getConsumerBuffer(1000, 0);
   ASSERT_TRUE(again);
   EXPECT_EQ(again->buffers.size(), 2u);

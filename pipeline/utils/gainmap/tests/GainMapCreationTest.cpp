@@ -1,5 +1,8 @@
 #include <gtest/gtest.h>
 
+#include <cstdio>
+#include <new>
+
 #include "PoolTestSupport.h"
 
 namespace gainmap_test {
@@ -137,7 +140,7 @@ TEST_F(GainMapCreationTest, ProducersAndConsumersAreRefusedUntilTheCreationTaskH
   EXPECT_EQ(heapsAdded(), 0u);
 
   release();
-  qelcam::host::waitQueuesIdle();
+  waitIdle();
   auto slot = pool->getProducerBuffer();
   ASSERT_TRUE(slot);
   EXPECT_EQ(slot->index, 0);
@@ -162,7 +165,7 @@ TEST_F(GainMapCreationTest, APoolWithoutSlotsIsActiveButHasNothingToLend) {
       count("[onGetConsumerBuffer] [s:3] request invalid index(0). Number of slots(0)", kError), 1);
   EXPECT_EQ(pool->setPoolReleased(), 0);
   EXPECT_EQ(pool->setPoolResume(), 0);
-  qelcam::host::waitQueuesIdle();
+  waitIdle();
   EXPECT_EQ(dumpNow(*pool), std::string("[s:3] released(0) ") + kDumpHeader + "}");
 }
 
@@ -198,9 +201,24 @@ TEST_F(GainMapCreationTest, AHeapThatCannotBeHadEndsTheProcess) {
       {
         qelcam::host::failHeapCreates(1);
         auto pool = std::make_shared<Pool>(fourByThree(1, 2), false);
-        qelcam::host::waitQueuesIdle();
+        waitIdle();
       },
       "\\[allocSlotBuffersLocked:line-[0-9]+\\] \\[s:3\\]\\[i:0\\] create heap fail");
+}
+
+TEST_F(GainMapCreationTest, AFailureInsideAQueuedStepEndsTheProcess) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  // The creation task fails half-way, as an allocation that cannot be had would.
+  EXPECT_DEATH(
+      {
+        ScriptedLogger script;
+        script.onLine("[operator()] [s:3] async create pool start", [] { throw std::bad_alloc(); });
+        auto pool = std::make_shared<Pool>(fourByThree(1, 2), false);
+        waitIdle();
+        std::fprintf(stderr, "the pool lived on, initialised: %d\n",
+                     pool->getProducerBuffer() != nullptr);
+      },
+      "terminate called after throwing an instance of 'std::bad_alloc'");
 }
 
 }  // namespace

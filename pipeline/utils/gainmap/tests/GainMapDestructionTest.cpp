@@ -21,12 +21,13 @@ TEST_F(GainMapDestructionTest, DestroyingWaitsForQueuedWorkThenGivesEveryByteBac
     // What the log held at the moment the pool was gone.
     return logged("[operator()] [s:3] async create pool done", kDebug);
   });
-  destroying.get_future().wait();
+  auto started = destroying.get_future();
+  getWithin(started, "the destroying thread to start");
   EXPECT_EQ(destroyed.wait_for(std::chrono::seconds(0)), std::future_status::timeout);
 
   release();
   // The creation ran to its end before the pool went away, and what it made was freed.
-  EXPECT_TRUE(destroyed.get());
+  EXPECT_TRUE(getWithin(destroyed, "the pool's destruction"));
   EXPECT_EQ(dumps().size(), 1u);
   EXPECT_EQ(qelcam::host::heapStats().heapsCreated, mBaseline.heapsCreated + 3);
   EXPECT_EQ(heapsAdded(), 0u);
@@ -44,7 +45,7 @@ TEST_F(GainMapDestructionTest, DestroyingAReleasedOrSlotlessPoolFreesAndReportsN
   verbose();
   auto pool = createdPool(fourByThree(2, 3));
   EXPECT_EQ(pool->setPoolReleased(), 0);
-  qelcam::host::waitQueuesIdle();
+  waitIdle();
   clearLogs();
   pool.reset();
   EXPECT_EQ(countContaining("buffers released"), 0);
@@ -66,7 +67,7 @@ TEST_F(GainMapDestructionTest, BusySlotsAreReportedAndOutliveThePoolWithoutBuffe
   EXPECT_EQ(produce(*pool, 11), 1);
   EXPECT_EQ(produce(*pool, 12), 2);
   EXPECT_FALSE(pool->getProducerBuffer());  // adds slot 3
-  qelcam::host::waitQueuesIdle();
+  waitIdle();
   EXPECT_EQ(pool->setConsumerBuffer(blocker), 0);
   EXPECT_EQ(produce(*pool, 13), 0);
   blocker = pool->getConsumerBuffer(13, 0);
@@ -74,9 +75,9 @@ TEST_F(GainMapDestructionTest, BusySlotsAreReportedAndOutliveThePoolWithoutBuffe
   EXPECT_EQ(produce(*pool, 14), 1);
   EXPECT_EQ(produce(*pool, 15), 2);
   EXPECT_EQ(produce(*pool, 16), 3);  // adds slot 4
-  qelcam::host::waitQueuesIdle();
+  waitIdle();
   EXPECT_EQ(produce(*pool, 17), 4);  // adds slot 5
-  qelcam::host::waitQueuesIdle();
+  waitIdle();
   EXPECT_EQ(produce(*pool, 18), 5);
   EXPECT_EQ(heapsAdded(), 6u);
 

@@ -34,7 +34,7 @@ class ManagerTest : public PoolTest {
     EXPECT_EQ(
         manager()->createPool(poolParams({{0, MSize(4000, 3000)}}, 1, 3, sensorId, uniKey), false),
         0);
-    qelcam::host::waitQueuesIdle();
+    waitIdle();
     return manager()->getPool(sensorId);
   }
 };
@@ -119,7 +119,7 @@ TEST_F(ManagerTest, NegativeSensorIdsAreKeysLikeAnyOther) {
   EXPECT_EQ(pool->getUniKey(), kKey);
   EXPECT_EQ(manager()->releasePool(-7), 0);
   EXPECT_TRUE(logged("[releasePool] [s:-7] set pool released", kDebug));
-  qelcam::host::waitQueuesIdle();
+  waitIdle();
   EXPECT_EQ(pool->getProducerBuffer(), nullptr);
   EXPECT_TRUE(logged("[onGetProducerBuffer] [s:-7] pool has been marked released", kError));
 }
@@ -129,15 +129,15 @@ TEST_F(ManagerTest, ReleaseAndResumeReachThePool) {
   ASSERT_EQ(heapsAdded(), 3u);
 
   EXPECT_EQ(manager()->releasePool(21), 0);
-  qelcam::host::waitQueuesIdle();
+  waitIdle();
   EXPECT_EQ(heapsAdded(), 0u);
   EXPECT_EQ(manager()->releasePool(21), 0);
-  qelcam::host::waitQueuesIdle();
+  waitIdle();
   EXPECT_TRUE(logged("[operator()] [s:21] has already been marked released", kWarning));
 
   EXPECT_EQ(manager()->resumePool(21), 0);
   EXPECT_TRUE(logged("[resumePool] [s:21] set pool resume", kDebug));
-  qelcam::host::waitQueuesIdle();
+  waitIdle();
   EXPECT_EQ(heapsAdded(), 3u);
   EXPECT_TRUE(pool->getProducerBuffer());
 }

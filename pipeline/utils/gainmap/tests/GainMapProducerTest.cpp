@@ -164,7 +164,7 @@ TEST_F(GainMapProducerTest, TheProducerIsRefusedAndTheStateDumpedWhenItCannotHav
   EXPECT_EQ(pool->setConsumerBuffer(consumer), 0);
 
   EXPECT_EQ(pool->setPoolReleased(), 0);
-  qelcam::host::waitQueuesIdle();
+  waitIdle();
   clearLogs();
   EXPECT_FALSE(pool->getProducerBuffer());
   EXPECT_EQ(count("[onGetProducerBuffer] [s:3] pool has been marked released", kError), 1);
@@ -214,7 +214,7 @@ TEST_F(GainMapProducerTest, ABusySlotGrowsTheRotationByOneSlotAllocatedOnTheQueu
       count("[onGetConsumerBuffer] [s:3] request invalid index(3). Number of slots(3)", kError), 1);
 
   release();
-  qelcam::host::waitQueuesIdle();
+  waitIdle();
   EXPECT_TRUE(logged("[operator()] [s:3] async pre alloc slot(i:2) +", kDebug));
   EXPECT_TRUE(logged("[operator()] [s:3] async pre alloc slot(i:2) -", kDebug));
   EXPECT_EQ(heapsAdded(), 3u);
@@ -241,7 +241,7 @@ TEST_F(GainMapProducerTest, TheRotationGrowsAgainAtItsLastSlotWhileSlotZeroIsBus
   ASSERT_TRUE(oldReader);
   EXPECT_EQ(produce(*pool, 101), 1);
   EXPECT_FALSE(pool->getProducerBuffer());  // adds slot 2
-  qelcam::host::waitQueuesIdle();
+  waitIdle();
   EXPECT_EQ(pool->setConsumerBuffer(oldReader), 0);
 
   EXPECT_EQ(produce(*pool, 102), 0);
@@ -257,7 +257,7 @@ TEST_F(GainMapProducerTest, TheRotationGrowsAgainAtItsLastSlotWhileSlotZeroIsBus
   EXPECT_EQ(countContaining("need pre alloc slot"), 0);
   EXPECT_TRUE(dumps().empty());
   EXPECT_EQ(pool->setProducerBuffer(104, 1, last), 0);
-  qelcam::host::waitQueuesIdle();
+  waitIdle();
   EXPECT_TRUE(logged("[operator()] [s:3] async pre alloc slot(i:3) +", kDebug));
   EXPECT_EQ(heapsAdded(), 4u);
 
@@ -272,7 +272,7 @@ TEST_F(GainMapProducerTest, TheRotationGrowsAgainAtItsLastSlotWhileSlotZeroIsBus
                   kError),
             1);
   EXPECT_EQ(pool->setProducerBuffer(105, 1, full), 0);
-  qelcam::host::waitQueuesIdle();
+  waitIdle();
   EXPECT_EQ(heapsAdded(), 4u);
 
   // Slot 0 is next and still busy; the pending slot keeps the pool from asking again.
@@ -294,7 +294,7 @@ TEST_F(GainMapProducerTest, AFullRotationLogsReachMaxOnEveryBusyTurn) {
   auto reader = pool->getConsumerBuffer(100, 0);
   ASSERT_TRUE(reader);
   EXPECT_FALSE(pool->getProducerBuffer());  // adds slot 1, the last one allowed
-  qelcam::host::waitQueuesIdle();
+  waitIdle();
   EXPECT_EQ(pool->setConsumerBuffer(reader), 0);
   EXPECT_EQ(produce(*pool, 101), 0);
   // Slot 0 is free when slot 1 is taken, so no slot is pending any more.
@@ -312,7 +312,7 @@ TEST_F(GainMapProducerTest, AFullRotationLogsReachMaxOnEveryBusyTurn) {
                   kError),
             3);
   EXPECT_EQ(dumps().size(), 3u);
-  qelcam::host::waitQueuesIdle();
+  waitIdle();
   EXPECT_EQ(heapsAdded(), 2u);
   EXPECT_EQ(pool->setConsumerBuffer(reader), 0);
   EXPECT_EQ(produce(*pool, 103), 0);

@@ -22,7 +22,7 @@ TEST_F(GainMapReleaseResumeTest, IdleSlotsLoseTheirMemoryAtOnceHeldSlotsWhenThei
   clearLogs();
 
   EXPECT_EQ(pool->setPoolReleased(), 0);
-  qelcam::host::waitQueuesIdle();
+  waitIdle();
   EXPECT_EQ(heapsAdded(), 2u);
   EXPECT_EQ(bytesAdded(), 2 * 2 * kMap4x3Bytes);
   EXPECT_EQ(lockedAdded(), 4u);
@@ -70,7 +70,7 @@ TEST_F(GainMapReleaseResumeTest, ABufferStillReferencedOutlivesTheRelease) {
   auto kept = slot->buffers[0];
   EXPECT_EQ(pool->setProducerBuffer(1, 1, slot), 0);
   EXPECT_EQ(pool->setPoolReleased(), 0);
-  qelcam::host::waitQueuesIdle();
+  waitIdle();
   EXPECT_EQ(stateOf(slot).buffers, 0u);
   EXPECT_EQ(heapsAdded(), 1u);
   EXPECT_EQ(lockedAdded(), 0u);
@@ -83,7 +83,7 @@ TEST_F(GainMapReleaseResumeTest, ReleasingTwiceAndResumingAnActivePoolOnlyWarn) 
   clearLogs();
 
   EXPECT_EQ(pool->setPoolResume(), 0);
-  qelcam::host::waitQueuesIdle();
+  waitIdle();
   EXPECT_EQ(count("[operator()] [setPoolResume] [s:3] async +", kDebug), 1);
   EXPECT_EQ(count("[operator()] [s:3] has already been set resume", kWarning), 1);
   EXPECT_EQ(countContaining("[setPoolResume] [s:3] async -"), 0);
@@ -93,7 +93,7 @@ TEST_F(GainMapReleaseResumeTest, ReleasingTwiceAndResumingAnActivePoolOnlyWarn) 
   clearLogs();
   EXPECT_EQ(pool->setPoolReleased(), 0);
   EXPECT_EQ(pool->setPoolReleased(), 0);
-  qelcam::host::waitQueuesIdle();
+  waitIdle();
   EXPECT_EQ(count("[operator()] Wait for CTM createPool/resumePool done", kDebug), 2);
   EXPECT_EQ(count("[operator()] [setPoolReleased] [s:3] async +", kDebug), 2);
   EXPECT_EQ(count("[operator()] [s:3] has already been marked released", kWarning), 1);
@@ -103,7 +103,7 @@ TEST_F(GainMapReleaseResumeTest, ReleasingTwiceAndResumingAnActivePoolOnlyWarn) 
   clearLogs();
   EXPECT_EQ(pool->setPoolResume(), 0);
   EXPECT_EQ(pool->setPoolResume(), 0);
-  qelcam::host::waitQueuesIdle();
+  waitIdle();
   EXPECT_EQ(count("[operator()] [setPoolResume] [s:3] async +", kDebug), 2);
   EXPECT_EQ(count("[operator()] [setPoolResume] [s:3] async -", kDebug), 1);
   EXPECT_EQ(count("[operator()] [s:3] has already been set resume", kWarning), 1);
@@ -123,16 +123,16 @@ TEST_F(GainMapReleaseResumeTest, ResumeReallocatesEverySlotOfTheRotationIncludin
   ASSERT_TRUE(reader);
   EXPECT_EQ(produce(*pool, 101), 1);
   EXPECT_FALSE(pool->getProducerBuffer());  // slot 2 joins the rotation
-  qelcam::host::waitQueuesIdle();
+  waitIdle();
   EXPECT_EQ(pool->setConsumerBuffer(reader), 0);
   EXPECT_EQ(heapsAdded(), 3u);
 
   EXPECT_EQ(pool->setPoolReleased(), 0);
-  qelcam::host::waitQueuesIdle();
+  waitIdle();
   EXPECT_EQ(heapsAdded(), 0u);
   clearLogs();
   EXPECT_EQ(pool->setPoolResume(), 0);
-  qelcam::host::waitQueuesIdle();
+  waitIdle();
   EXPECT_EQ(heapsAdded(), 3u);
   EXPECT_EQ(lockedAdded(), 3u);
   EXPECT_EQ(count("[operator()] [setPoolResume] [s:3] async -", kDebug), 1);
@@ -151,7 +151,7 @@ TEST_F(GainMapReleaseResumeTest, ASlotHeldThroughReleaseAndResumeKeepsItsBuffers
   auto firstBuffer = writing->buffers[0].get();
   EXPECT_EQ(pool->setPoolReleased(), 0);
   EXPECT_EQ(pool->setPoolResume(), 0);
-  qelcam::host::waitQueuesIdle();
+  waitIdle();
 
   EXPECT_EQ(count("[operator()] [s:3][i:0] slot still has buffer, size:2 (p:1, c:0)", kInfo), 1);
   EXPECT_EQ(heapsAdded(), 2u);
@@ -169,18 +169,20 @@ TEST_F(GainMapReleaseResumeTest, MultiModeResumeAllocatesEverySlotButKeepsTheSiz
   auto tallBuffer = writing->buffersBySize.at(MSize(4000, 3000))[0].get();
 
   EXPECT_EQ(pool->setPoolReleased(), 0);
-  qelcam::host::waitQueuesIdle();
+  waitIdle();
   // The idle slot's buffers of both sizes were unlocked and dropped.
   EXPECT_EQ(heapsAdded(), 1u);
   EXPECT_EQ(lockedAdded(), 2u);
   EXPECT_EQ(pool->setPoolResume(), 0);
-  qelcam::host::waitQueuesIdle();
+  waitIdle();
 
   // `buffers` is empty in every slot of a multi-mode pool, so the held slot is given a new heap
   // too; its sizes are already present, so the new buffers are dropped with that heap.
   EXPECT_EQ(countContaining("slot still has buffer"), 0);
   EXPECT_EQ(qelcam::host::heapStats().heapsCreated, mBaseline.heapsCreated + 4);
   EXPECT_EQ(heapsAdded(), 2u);
+  // The new buffers of both sizes were locked when they were dropped.
+  EXPECT_EQ(droppedLockedAdded(), 2u);
   EXPECT_EQ(writing->buffersBySize.size(), 2u);
   EXPECT_EQ(writing->buffersBySize.at(MSize(4000, 3000))[0].get(), tallBuffer);
   EXPECT_EQ(pool->setProducerBuffer(9, 0, writing), 0);
@@ -193,7 +195,7 @@ TEST_F(GainMapReleaseResumeTest, LaggingAllocationTakesMemoryOnTheFirstResume) {
 
   clearLogs();
   EXPECT_EQ(pool->setPoolResume(), 0);
-  qelcam::host::waitQueuesIdle();
+  waitIdle();
   EXPECT_EQ(countContaining("has already been set resume"), 0);
   EXPECT_EQ(heapsAdded(), 3u);
   EXPECT_EQ(bytesAdded(), 3 * 2 * kMap4x3Bytes);
@@ -218,19 +220,20 @@ TEST_F(GainMapReleaseResumeTest, ReleaseWaitsForACreationStillOnTheQueue) {
     // What the log held at the moment the release returned.
     return std::make_pair(status, logged("[operator()] [s:3] async create pool done", kDebug));
   });
-  calling.get_future().wait();
+  auto started = calling.get_future();
+  getWithin(started, "the releasing thread to start");
   EXPECT_EQ(released.wait_for(std::chrono::seconds(0)), std::future_status::timeout);
   EXPECT_EQ(heapsAdded(), 0u);
 
   release();
-  auto [status, createdFirst] = released.get();
+  auto [status, createdFirst] = getWithin(released, "setPoolReleased");
   EXPECT_EQ(status, 0);
   // The creation had run to its end, dump included, before the release returned.
   EXPECT_TRUE(createdFirst);
   EXPECT_EQ(dumps().size(), 1u);
   EXPECT_TRUE(logged("[operator()] Wait for CTM createPool/resumePool done", kDebug));
 
-  qelcam::host::waitQueuesIdle();
+  waitIdle();
   EXPECT_LT(positionOf("[operator()] [s:3] async create pool done"),
             positionOf("[operator()] [setPoolReleased] [s:3] async +"));
   EXPECT_EQ(heapsAdded(), 0u);

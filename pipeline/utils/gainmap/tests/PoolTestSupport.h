@@ -4,12 +4,24 @@
 // the pool logs, and puts the platform's globals back after each test.
 
 #include <gtest/gtest.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
 #include <cstdarg>
 #include <cstdint>
 #include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <functional>
+#include <future>
+#include <list>
 #include <memory>
+#include <mutex>
 #include <string>
+#include <thread>
 #include <unordered_map>
 #include <vector>
 
@@ -48,6 +60,195 @@ inline std::string printed(char const* format, ...) {
   va_end(args);
   return text;
 }
+
+// How long any wait of a test may take before the run is declared stuck. Generous: a stuck wait
+// means a broken interleaving, never a slow machine.
+constexpr std::chrono::seconds kPatience{120};
+
+// A wait that ran out of patience: says what it waited for and ends the run, since the threads
+// it waited on can neither be joined nor left behind.
+[[noreturn]] inline void giveUp(std::string const& what) {
+  std::fprintf(stderr, "test stuck: waited %lld s for %s\n",
+               static_cast<long long>(kPatience.count()), what.c_str());
+  std::fflush(stderr);
+  std::abort();
+}
+
+// waitQueuesIdle with a bound.
+inline void waitIdle(std::string const& what = "the task queues to go idle") {
+  auto idle = std::async(std::launch::async, [] { qelcam::host::waitQueuesIdle(); });
+  if (idle.wait_for(kPatience) != std::future_status::ready) {
+    giveUp(what);
+  }
+}
+
+// Waits for `condition`, signalled through `changed` under `lock`, with a bound.
+template <class Predicate>
+void waitUntil(std::condition_variable& changed, std::unique_lock<std::mutex>& lock,
+               Predicate condition, std::string const& what) {
+  if (!changed.wait_for(lock, kPatience, condition)) {
+    giveUp(what);
+  }
+}
+
+template <class T>
+T getWithin(std::future<T>& future, std::string const& what) {
+  if (future.wait_for(kPatience) != std::future_status::ready) {
+    giveUp(what);
+  }
+  return future.get();
+}
+
+inline pid_t currentThreadId() {
+  return static_cast<pid_t>(::syscall(SYS_gettid));
+}
+
+// The futex word a thread sleeps on in the kernel, or 0 when it is not in a futex wait.
+inline uintptr_t futexWaitedOn(pid_t tid) {
+  std::ifstream in("/proc/self/task/" + std::to_string(tid) + "/syscall");
+  long number = -1;
+  std::string address;
+  if (!(in >> number >> address) || number != SYS_futex) {
+    return 0;
+  }
+  return static_cast<uintptr_t>(std::stoull(address, nullptr, 16));
+}
+
+// Returns once `first` and then `second` sleep on one and the same futex, that is, on a lock that
+// a third thread holds. The kernel wakes waiters of one word in the order they began to wait, so
+// when the holder lets go, `first` takes the lock before `second`. A lock wait is visible only to
+// the kernel; this reads it there.
+inline void waitUntilQueuedOnOneLock(pid_t first, pid_t second, std::string const& what) {
+  auto deadline = std::chrono::steady_clock::now() + kPatience;
+  uintptr_t word = 0;
+  while ((word = futexWaitedOn(first)) == 0) {
+    if (std::chrono::steady_clock::now() > deadline) {
+      giveUp(what);
+    }
+    std::this_thread::yield();
+  }
+  while (futexWaitedOn(second) != word || futexWaitedOn(first) != word) {
+    if (std::chrono::steady_clock::now() > deadline) {
+      giveUp(what);
+    }
+    std::this_thread::yield();
+  }
+}
+
+// Stands in for the platform's logger while alive: every line still reaches the logger it
+// replaced (and so the capture), and chosen lines act on, or stop, the thread that writes them.
+// Create and destroy it only while the queues are idle: the platform reads the logger pointer
+// without a lock.
+class ScriptedLogger : public NSCam::Utils::ULog::ULogger {
+ public:
+  ScriptedLogger() : mPrevious(ULogger::sULogger) { ULogger::sULogger = this; }
+
+  // Lets every parked thread go, waits until the queues have run what they hold, then puts the
+  // replaced logger back.
+  ~ScriptedLogger() override {
+    {
+      std::unique_lock<std::mutex> lock(mMutex);
+      for (Cue& cue : mCues) {
+        cue.open = true;
+      }
+      mChanged.notify_all();
+      waitUntil(
+          mChanged, lock, [&] { return mParked == 0; }, "parked threads to leave the logger");
+    }
+    waitIdle("the task queues to go idle after the scripted logger let go");
+    ULogger::sULogger = mPrevious;
+  }
+
+  ScriptedLogger(ScriptedLogger const&) = delete;
+  ScriptedLogger& operator=(ScriptedLogger const&) = delete;
+
+  // The first thread that writes a line beginning with `line` runs `action` right after it.
+  void onLine(std::string line, std::function<void()> action) {
+    std::lock_guard<std::mutex> lock(mMutex);
+    mCues.push_back(Cue{std::move(line), false, std::move(action)});
+  }
+
+  // The first thread that writes a line beginning with `line` stops right after it, until
+  // letGo(line).
+  void parkOn(std::string line) {
+    std::lock_guard<std::mutex> lock(mMutex);
+    mCues.push_back(Cue{std::move(line), true, nullptr});
+  }
+
+  // Waits until `line` has been written and its action run (or its writer parked); returns the
+  // writer's thread id.
+  pid_t waitFor(std::string const& line) {
+    std::unique_lock<std::mutex> lock(mMutex);
+    Cue& cue = find(line);
+    waitUntil(
+        mChanged, lock, [&] { return cue.park ? cue.parked : cue.acted; },
+        "the line \"" + line + "\"");
+    return cue.writer;
+  }
+
+  void letGo(std::string const& line) {
+    std::lock_guard<std::mutex> lock(mMutex);
+    find(line).open = true;
+    mChanged.notify_all();
+  }
+
+  void write(uint32_t moduleId, char const* tag, int level, char const* text, int length) override {
+    mPrevious->write(moduleId, tag, level, text, length);
+    std::unique_lock<std::mutex> lock(mMutex);
+    for (Cue& cue : mCues) {
+      if (cue.writer != 0 || std::string(text).rfind(cue.line, 0) != 0) {
+        continue;
+      }
+      cue.writer = currentThreadId();
+      mChanged.notify_all();
+      if (cue.action) {
+        lock.unlock();
+        cue.action();
+        lock.lock();
+        cue.acted = true;
+        mChanged.notify_all();
+        return;
+      }
+      if (cue.park) {
+        cue.parked = true;
+        ++mParked;
+        mChanged.notify_all();
+        waitUntil(
+            mChanged, lock, [&] { return cue.open; }, "the test to let \"" + cue.line + "\" go");
+        --mParked;
+        mChanged.notify_all();
+      }
+      return;
+    }
+  }
+
+ private:
+  struct Cue {
+    std::string line;
+    bool park;
+    std::function<void()> action;
+    pid_t writer = 0;
+    bool acted = false;
+    bool parked = false;
+    bool open = false;
+  };
+
+  Cue& find(std::string const& line) {
+    for (Cue& cue : mCues) {
+      if (cue.line == line) {
+        return cue;
+      }
+    }
+    giveUp("a cue that was never set: \"" + line + "\"");
+  }
+
+  ULogger* const mPrevious;
+  std::mutex mMutex;
+  std::condition_variable mChanged;
+  // A list: cues keep their place while threads wait on them.
+  std::list<Cue> mCues;
+  int mParked = 0;
+};
 
 inline PoolParameters poolParams(std::unordered_map<uint32_t, MSize> sizes, uint32_t batchSize,
                                  uint32_t slotCount, int32_t sensorId = 3, int32_t uniKey = 77) {
@@ -115,10 +316,10 @@ class PoolTest : public ::testing::Test {
   }
 
   void TearDown() override {
-    if (mHeld) {
+    if (mHeld.load()) {
       qelcam::host::releaseQueues();
     }
-    qelcam::host::waitQueuesIdle();
+    waitIdle("the task queues to go idle at the end of the test");
     mCapture.reset();
     qelcam::host::clearProperty(kDebugProperty);
     qelcam::host::setGainMapFormats({qelcam::host::kFormatGainMap8});
@@ -132,18 +333,19 @@ class PoolTest : public ::testing::Test {
   // The pool once its creation task has run.
   std::shared_ptr<Pool> createdPool(PoolParameters const& params, bool laggingAlloc = false) {
     auto pool = std::make_shared<Pool>(params, laggingAlloc);
-    qelcam::host::waitQueuesIdle();
+    waitIdle("the creation task of the pool");
     return pool;
   }
 
   void verbose() { qelcam::host::setProperty(kDebugProperty, "1"); }
 
+  // Either may run on a queue thread, from a scripted log line.
   void hold() {
     qelcam::host::holdQueues();
-    mHeld = true;
+    mHeld.store(true);
   }
   void release() {
-    mHeld = false;
+    mHeld.store(false);
     qelcam::host::releaseQueues();
   }
 
@@ -213,6 +415,9 @@ class PoolTest : public ::testing::Test {
   uint64_t lockedAdded() const {
     return qelcam::host::heapStats().buffersLocked - mBaseline.buffersLocked;
   }
+  uint64_t droppedLockedAdded() const {
+    return qelcam::host::heapStats().buffersDroppedLocked - mBaseline.buffersDroppedLocked;
+  }
 
   // Takes the next slot and hands it back stamped with `key`; the slot's index.
   int produce(Pool& pool, int64_t key) {
@@ -233,7 +438,7 @@ class PoolTest : public ::testing::Test {
   uint32_t mSavedLevel = 0;
   uint32_t mSavedMask = 0;
   uint32_t mSavedMode = 0;
-  bool mHeld = false;
+  std::atomic<bool> mHeld{false};
 };
 
 }  // namespace gainmap_test

@@ -868,6 +868,8 @@ void ModelDriver::checkHeaps() {
               static_cast<long long>(now.bytesAlive - mBaseline.bytesAlive));
   expectEqual("image buffers locked", static_cast<long long>(model.buffersLocked),
               static_cast<long long>(now.buffersLocked - mBaseline.buffersLocked));
+  expectEqual("image buffers dropped while locked", static_cast<long long>(model.droppedLocked),
+              static_cast<long long>(now.buffersDroppedLocked - mBaseline.buffersDroppedLocked));
 }
 
 void ModelDriver::checkIdentity(std::shared_ptr<BufSlot> const& slot, int poolId, int index) {

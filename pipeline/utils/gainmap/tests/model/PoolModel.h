@@ -25,8 +25,7 @@ using PoolParameters = NSCam::v3::Utils::IGainMapBufPoolManager::PoolParameters;
 using ImgParam = qcam::IImageBufferAllocator::ImgParam;
 
 constexpr int kBadValue = -22;
-// Slot counts from here on cannot make a working pool.
-constexpr uint32_t kSlotCountBound = 1024;
+constexpr uint32_t kSlotCountBound = PoolParameters::kSlotCountLimit;
 
 // Logger-sink levels of the message classes the model predicts.
 constexpr int kError = 1;

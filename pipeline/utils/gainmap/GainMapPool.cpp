@@ -7,6 +7,7 @@
 
 #include "GainMapBufPoolImp.h"
 
+#include <cinttypes>
 #include <sstream>
 #include <tuple>
 
@@ -33,6 +34,15 @@ constexpr int kBadValue = -22;
 constexpr unsigned int kPostPriority = 1;
 constexpr int32_t kQueuePriority = 1;
 
+// A slot's block must be allocatable as one 32-bit signed size.
+constexpr uint64_t kMaxBlockBytes = 0x7fffffff;
+
+// Queued steps log under the name of the lambdas that run them on the queue.
+constexpr char kStepName[] = "operator()";
+
+// Every flag and count is published with a release store and read with acquire loads: a reader
+// that sees the new value sees what was written before it (slots, buffers). Nothing needs a total
+// order across different atomics; where two must agree, a lock orders them.
 constexpr auto kAcquire = std::memory_order_acquire;
 constexpr auto kRelease = std::memory_order_release;
 
@@ -80,9 +90,6 @@ GainMapBufPoolImp::GainMapBufPoolImp(PoolParameters const& params, bool laggingA
       mPreAllocIndex(-1),
       mbReleased(false),
       mbInitialized(false) {
-  if (mSensorSizes.empty()) {
-    GMP_LOGE("[%s] [s:%d] no sensor size given, the pool's slots get no buffer", mSensorId);
-  }
   std::tie(mWorstSensorMode, mWorstSensorSize) = determineWorstSensorSize();
   mImgParams = determineBufferParams();
   mAllocParam = determineAllocParam();
@@ -92,6 +99,12 @@ GainMapBufPoolImp::GainMapBufPoolImp(PoolParameters const& params, bool laggingA
       "mMaxSlotCount(%d) laggingAlloc(%d)",
       mSensorId, toString(mSensorSizes).c_str(), mBatchSize, mSlotCount.load(kAcquire),
       mMaxSlotCount, laggingAlloc ? 1 : 0);
+  if (!isWorkable(params)) {
+    // Like a pool of no slots: nothing is made or allocated, nothing is lent.
+    // Not yet shared: any order would do; release matches every other store.
+    mSlotCount.store(0, kRelease);
+    mMaxSlotCount = 0;
+  }
   mCallerName = kCallerName;
   mPoolName = kPoolNamePrefix + std::to_string(mSensorId);
 
@@ -101,32 +114,7 @@ GainMapBufPoolImp::GainMapBufPoolImp(PoolParameters const& params, bool laggingA
   mTaskQueue = CentralTaskMgr::createQueue(queueParam);
 
   // Slots and their memory are made on the queue: the caller holds the manager's lock.
-  post([this] {
-    gainmap::trace::Slice slice("create", mSensorId);
-    GMP_LOGD("[%s] [s:%d] async create pool start", mSensorId);
-    {
-      MutexLocker poolLock(mLock);
-      mSlots.resize(mMaxSlotCount);
-      for (size_t i = 0; i < mSlots.size(); ++i) {
-        mSlots[i] = std::make_shared<BufSlotImp>();
-        if (!mSlots[i]) {
-          GMP_LOGF("[%s:line-%d] [s:%d][i:%zu] create buffer slot failed", mSensorId, i);
-        }
-        std::shared_ptr<BufSlotImp>& slot = mSlots[i];
-        MutexLocker slotLock(slot->lock);
-        slot->index = static_cast<int32_t>(i);
-        slot->validSize = static_cast<int32_t>(mBatchSize);
-        if (!mbLaggingAlloc && i < mSlotCount.load(kAcquire)) {
-          allocSlotBuffersLocked(slot, static_cast<int>(i));
-        }
-      }
-    }
-    mbReleased.store(mbLaggingAlloc, kRelease);
-    mbInitialized.store(true, kRelease);
-    GMP_TRACE(gainmap::trace::rotation(mSensorId, mSlotCount.load(kAcquire)));
-    GMP_LOGD("[%s] [s:%d] async create pool done", mSensorId);
-    dump();
-  });
+  post([this] { runCreation(); });
 }
 
 GainMapBufPoolImp::~GainMapBufPoolImp() {
@@ -260,8 +248,58 @@ GainMapBufPoolImp::ImgBufInfoMap GainMapBufPoolImp::determineImgBufInfos() {
   return infos;
 }
 
-int GainMapBufPoolImp::allocSlotBuffersLocked(std::shared_ptr<BufSlotImp>& slot, int index) {
-  slot->useSizeMap = mImgParams.size() > 1;
+bool GainMapBufPoolImp::isWorkable(PoolParameters const& params) {
+  bool workable = true;
+  if (mSensorSizes.empty()) {
+    GMP_LOGE("[%s] [s:%d] sensorSizes has no sensor mode", mSensorId);
+    workable = false;
+  }
+  for (auto const& [mode, size] : mSensorSizes) {
+    if (size.w <= 0 || size.h <= 0) {
+      GMP_LOGE("[%s] [s:%d] sensorSizes[%u] (%dx%d) is not a positive size", mSensorId, mode,
+               size.w, size.h);
+      workable = false;
+    }
+  }
+  if (params.slotCount >= PoolParameters::kSlotCountLimit) {
+    GMP_LOGE("[%s] [s:%d] slotCount(%u) is not below %u", mSensorId, params.slotCount,
+             PoolParameters::kSlotCountLimit);
+    workable = false;
+  }
+  if (workable) {
+    // The slot's block as the geometry computed it, against the same product without wrapping.
+    uint64_t const exact = exactBlockBytes();
+    auto const computed = static_cast<uint32_t>(mAllocParam.imgSize.w);
+    if (exact == 0 || exact > kMaxBlockBytes || exact != computed) {
+      GMP_LOGE("[%s] [s:%d] sensorSizes[%u] (%dx%d) with batchSize(%u) gives slots of %" PRIu64
+               " bytes, %u in 32 bits; a slot takes 1 to %" PRIu64 " bytes",
+               mSensorId, mWorstSensorMode, mWorstSensorSize.w, mWorstSensorSize.h,
+               params.batchSize, exact, computed, kMaxBlockBytes);
+      workable = false;
+    }
+  }
+  return workable;
+}
+
+uint64_t GainMapBufPoolImp::exactBlockBytes() const {
+  ImgParam const& worst = mImgParams.at(mWorstSensorMode);
+  uint64_t const height =
+      (static_cast<uint64_t>(mWorstSensorSize.h) * kGainMapWidth / mWorstSensorSize.w + 1) & ~1ull;
+  uint64_t bytes = 0;
+  if (__builtin_mul_overflow(height, static_cast<uint64_t>(worst.strideInBytes), &bytes) ||
+      __builtin_mul_overflow(bytes, static_cast<uint64_t>(mBatchSize), &bytes)) {
+    return UINT64_MAX;
+  }
+  return bytes;
+}
+
+int GainMapBufPoolImp::allocSlotBuffersLocked(std::shared_ptr<BufSlotImp> const& slot, int index) {
+  // A resume reaches multi-mode slots that a user holds and reads: fields that keep their value
+  // are not written.
+  bool const useSizeMap = mImgParams.size() > 1;
+  if (slot->useSizeMap != useSizeMap) {
+    slot->useSizeMap = useSizeMap;
+  }
   std::shared_ptr<qcam::IImageBufferHeap> heap = qcam::IImageBufferHeapFactory::create(
       mCallerName.c_str(), mPoolName.c_str(), mAllocParam, false);
   if (!heap) {
@@ -281,8 +319,12 @@ int GainMapBufPoolImp::allocSlotBuffersLocked(std::shared_ptr<BufSlotImp>& slot,
     if (!slot->useSizeMap) {
       slot->buffers = bufs;
     } else {
-      // Modes of the same sensor size share the buffers of the mode met first.
-      slot->buffersBySize.emplace(mSensorSizes.at(mode), bufs);
+      // Modes of the same sensor size share the buffers of the mode met first; a size the slot
+      // still has keeps its buffers, and the new ones are dropped with the heap.
+      MSize const& size = mSensorSizes.at(mode);
+      if (slot->buffersBySize.find(size) == slot->buffersBySize.end()) {
+        slot->buffersBySize.emplace(size, bufs);
+      }
     }
   }
   slot->ready.store(true, kRelease);
@@ -300,25 +342,14 @@ int GainMapBufPoolImp::preAllocOneSlotLocked() {
   auto const added = static_cast<int32_t>(mSlotCount.load(kAcquire));
   mPreAllocIndex = added;
   // From here the slot is in the rotation, not ready until its task has run.
+  // Sequentially consistent, under mLock; readers need only see the slot count grow.
   mSlotCount.fetch_add(1);
   GMP_TRACE(gainmap::trace::rotation(mSensorId, mSlotCount.load(kAcquire)));
-  post([this, added] {
-    gainmap::trace::Slice slice("allocate slot", mSensorId);
-    slice.slot(added);
-    GMP_LOGD("[%s] [s:%d] async pre alloc slot(i:%d) +", mSensorId, added);
-    {
-      std::shared_ptr<BufSlotImp>& slot = mSlots[added];
-      MutexLocker slotLock(slot->lock);
-      slot->index = added;
-      slot->validSize = static_cast<int32_t>(mBatchSize);
-      allocSlotBuffersLocked(slot, added);
-    }
-    GMP_LOGD("[%s] [s:%d] async pre alloc slot(i:%d) -", mSensorId, added);
-  });
+  post([this, added] { runPreAlloc(added); });
   return 0;
 }
 
-int GainMapBufPoolImp::releaseSlotBuffersLocked(std::shared_ptr<BufSlotImp>& slot) {
+int GainMapBufPoolImp::releaseSlotBuffersLocked(std::shared_ptr<BufSlotImp> const& slot) {
   if (!slot->useSizeMap) {
     for (auto& buffer : slot->buffers) {
       buffer->unlockBuf(mCallerName.c_str());
@@ -357,10 +388,17 @@ std::shared_ptr<GainMapBufPoolImp::BufSlot> GainMapBufPoolImp::onGetProducerBuff
     GMP_TRACE_INSTANT(gainmap::trace::refused(__func__, mSensorId, gainmap::trace::kNoSlot));
     return nullptr;
   }
-  std::shared_ptr<BufSlotImp> slot;
+  // The pool keeps its slots alive for the call: only the pointer lent out counts a reference.
+  std::shared_ptr<BufSlotImp> const* taken = nullptr;
   {
     MutexLocker poolLock(mLock);
-    slot = mSlots[mCurrentIndex];
+    // A whole release task may have run since the check above; it marks the pool under mLock.
+    if (mbReleased.load(kAcquire)) {
+      GMP_LOGE("[%s] [s:%d] pool has been marked released", mSensorId);
+      GMP_TRACE_INSTANT(gainmap::trace::refused(__func__, mSensorId, gainmap::trace::kReleased));
+      return nullptr;
+    }
+    std::shared_ptr<BufSlotImp> const& slot = mSlots[mCurrentIndex];
     if (!slot->ready.load(kAcquire)) {
       GMP_LOGW("[%s] [s:%d][i:%zu] slot is not ready", mSensorId, mCurrentIndex);
       GMP_TRACE_INSTANT(gainmap::trace::refused(__func__, mSensorId, gainmap::trace::kNotReady,
@@ -407,7 +445,9 @@ std::shared_ptr<GainMapBufPoolImp::BufSlot> GainMapBufPoolImp::onGetProducerBuff
     if (mCurrentIndex >= mSlotCount.load(kAcquire)) {
       mCurrentIndex = 0;
     }
+    taken = &slot;
   }
+  std::shared_ptr<BufSlotImp> const& slot = *taken;
   GMP_LOGVD(this, "[%s] [s:%d][i:%d] slot:%p, size:%zu", mSensorId, slot->index,
             static_cast<void*>(slot.get()), slot->buffers.size());
   return slot;
@@ -418,6 +458,7 @@ int GainMapBufPoolImp::setProducerBuffer(long const& key, int const& validSize,
   gainmap::trace::Slice slice("setProducerBuffer", mSensorId);
   slice.slot(slot.get());
   slice.key(key);
+  // `slot` is the caller's copy, held for the call.
   int status = onSetProducerBuffer(key, validSize, slot);
   if (status != 0) {
     dump();
@@ -426,13 +467,14 @@ int GainMapBufPoolImp::setProducerBuffer(long const& key, int const& validSize,
 }
 
 int GainMapBufPoolImp::onSetProducerBuffer(long const& key, int const& validSize,
-                                           std::shared_ptr<BufSlot> slot) {
+                                           std::shared_ptr<BufSlot> const& slot) {
   GMP_LOGVD(this, "[%s] [s:%d] key: %ld, validSize: %d, slot index: %d", mSensorId, key, validSize,
             indexOf(slot));
-  std::shared_ptr<BufSlotImp> own = slotToReturn(__func__, indexOf(slot));
-  if (!own) {
+  int const index = indexOf(slot);
+  if (!isReturnable(__func__, index)) {
     return kBadValue;
   }
+  std::shared_ptr<BufSlotImp> const& own = mSlots[index];
   MutexLocker slotLock(own->lock);
   // Compared unsigned: a negative count is too many.
   if (static_cast<uint64_t>(static_cast<int64_t>(validSize)) > own->buffers.size()) {
@@ -453,10 +495,11 @@ int GainMapBufPoolImp::onSetProducerBuffer(long const& key, int const& validSize
   own->producerUser = false;
   own->key = key;
   GMP_TRACE(gainmap::trace::producerReturns(mSensorId, own.get(), key));
-  if (mbReleased.load(kAcquire) && own->consumerUserCount == 0) {
+  if (lastUserFrees(*own)) {
     GMP_LOGVD(this, "[%s] [s:%d][i:%d] pool marked released, release slot buffers", mSensorId,
               own->index);
     releaseSlotBuffersLocked(own);
+    own->freeOnReturn = false;
   }
   GMP_LOGVD(this, "[%s] [s:%d][i:%d] slot:%p, size:%zu, valid size:%d", mSensorId, own->index,
             static_cast<void*>(own.get()), own->buffers.size(), own->validSize);
@@ -488,7 +531,7 @@ std::shared_ptr<GainMapBufPoolImp::BufSlot> GainMapBufPoolImp::onGetConsumerBuff
         gainmap::trace::refused(__func__, mSensorId, gainmap::trace::kInvalidIndex, index));
     return nullptr;
   }
-  std::shared_ptr<BufSlotImp> slot = mSlots[index];
+  std::shared_ptr<BufSlotImp> const& slot = mSlots[index];
   MutexLocker slotLock(slot->lock);
   if (slot->producerUser) {
     GMP_LOGE("[%s] [s:%d][i:%d] slot has producer user", mSensorId, slot->index);
@@ -530,13 +573,14 @@ int GainMapBufPoolImp::setConsumerBuffer(std::shared_ptr<BufSlot> slot) {
   return status;
 }
 
-int GainMapBufPoolImp::onSetConsumerBuffer(std::shared_ptr<BufSlot> slot) {
+int GainMapBufPoolImp::onSetConsumerBuffer(std::shared_ptr<BufSlot> const& slot) {
   GMP_LOGVD(this, "[%s] [s:%d] consumer slot index(%d), slot count(%d)", mSensorId, indexOf(slot),
             mSlotCount.load(kAcquire));
-  std::shared_ptr<BufSlotImp> own = slotToReturn(__func__, indexOf(slot));
-  if (!own) {
+  int const index = indexOf(slot);
+  if (!isReturnable(__func__, index)) {
     return kBadValue;
   }
+  std::shared_ptr<BufSlotImp> const& own = mSlots[index];
   MutexLocker slotLock(own->lock);
   if (own->producerUser) {
     GMP_LOGE("[%s] [s:%d][i:%d] slot has producer user (p:%d, c:%zu)", mSensorId, own->index,
@@ -554,15 +598,23 @@ int GainMapBufPoolImp::onSetConsumerBuffer(std::shared_ptr<BufSlot> slot) {
   }
   --own->consumerUserCount;
   GMP_TRACE(gainmap::trace::consumerReturns(mSensorId, own.get(), own->consumerUserCount));
-  // The last consumer of a released pool frees the slot.
-  if (mbReleased.load(kAcquire) && own->consumerUserCount == 0) {
+  if (lastUserFrees(*own)) {
     GMP_LOGVD(this, "[%s] [s:%d][i:%d] pool marked released and no consumer, release slot buffers",
               mSensorId, own->index);
     releaseSlotBuffersLocked(own);
+    own->freeOnReturn = false;
   }
   GMP_LOGVD(this, "[%s] [s:%d][i:%d] slot:%p, size:%zu, c:%zu", mSensorId, slot->index,
             static_cast<void*>(slot.get()), slot->buffers.size(), own->consumerUserCount);
   return 0;
+}
+
+bool GainMapBufPoolImp::lastUserFrees(BufSlotImp const& slot) {
+  // The mark, not the released flag alone: a resume that has already passed the slot must not
+  // see it freed behind it, and a slot returned before the release task reaches it is freed by
+  // that task.
+  return mbReleased.load(kAcquire) && !slot.producerUser && slot.consumerUserCount == 0 &&
+         slot.freeOnReturn;
 }
 
 bool GainMapBufPoolImp::isLending(char const* func) {
@@ -580,78 +632,135 @@ bool GainMapBufPoolImp::isLending(char const* func) {
   return true;
 }
 
-std::shared_ptr<GainMapBufPoolImp::BufSlotImp> GainMapBufPoolImp::slotToReturn(char const* func,
-                                                                               int index) {
+bool GainMapBufPoolImp::isReturnable(char const* func, int index) {
   if (index < 0 || static_cast<uint32_t>(index) >= mSlotCount.load(kAcquire)) {
     GMP_LOGE_AS(func, "[%s] [s:%d] invalid slot index(%d). Number of slots(%d)", mSensorId, index,
                 mSlotCount.load(kAcquire));
     GMP_TRACE_INSTANT(
         gainmap::trace::refused(func, mSensorId, gainmap::trace::kInvalidIndex, index));
-    return nullptr;
+    return false;
   }
   // Before the creation task has run, mSlots is still being filled.
   if (!mbInitialized.load(kAcquire)) {
     GMP_LOGW_AS(func, "[%s] [s:%d] pool has not been initialized", mSensorId);
     GMP_TRACE_INSTANT(
         gainmap::trace::refused(func, mSensorId, gainmap::trace::kNotInitialized, index));
-    return nullptr;
+    return false;
   }
-  return mSlots[index];
+  return true;
 }
 
 int GainMapBufPoolImp::setPoolReleased() {
   gainmap::trace::Slice slice("setPoolReleased", mSensorId);
   // Creation, resume and slot allocations queued before must be done before anything is freed.
-  waitFor(post([] { GMP_LOGD("[%s] Wait for CTM createPool/resumePool done"); }));
-  post([this] {
-    gainmap::trace::Slice slice("release", mSensorId);
-    GMP_LOGD("[%s] [setPoolReleased] [s:%d] async +", mSensorId);
-    MutexLocker poolLock(mLock);
-    if (mbReleased.load(kAcquire)) {
-      GMP_LOGW("[%s] [s:%d] has already been marked released", mSensorId);
-      return;
-    }
-    // Set before the slots are visited, so users returning a slot from now on free it.
-    mbReleased.store(true, kRelease);
-    for (std::shared_ptr<BufSlotImp>& slot : mSlots) {
-      MutexLocker slotLock(slot->lock);
-      if (!slot->producerUser && slot->consumerUserCount == 0) {
-        releaseSlotBuffersLocked(slot);
-      } else {
-        GMP_LOGD("[%s] [s:%d][i:%d] still has users (p:%d, c: %zu)", mSensorId, slot->index,
-                 slot->producerUser, slot->consumerUserCount);
-      }
-    }
-    GMP_LOGD("[%s] [setPoolReleased] [s:%d] async -", mSensorId);
-  });
+  waitFor(post([] { runReleaseBarrier(); }));
+  post([this] { runRelease(); });
   return 0;
 }
 
 int GainMapBufPoolImp::setPoolResume() {
   // No barrier: the queue runs this behind any earlier release.
-  post([this] {
-    gainmap::trace::Slice slice("resume", mSensorId);
-    GMP_LOGD("[%s] [setPoolResume] [s:%d] async +", mSensorId);
+  post([this] { runResume(); });
+  return 0;
+}
+
+void GainMapBufPoolImp::runCreation() {
+  gainmap::trace::Slice slice("create", mSensorId);
+  GMP_LOGD_AS(kStepName, "[%s] [s:%d] async create pool start", mSensorId);
+  {
     MutexLocker poolLock(mLock);
-    if (!mbReleased.load(kAcquire)) {
-      GMP_LOGW("[%s] [s:%d] has already been set resume", mSensorId);
-      return;
-    }
-    // Every slot of the rotation as it stands now, grown ones included.
-    for (size_t i = 0; i < mSlotCount.load(kAcquire); ++i) {
+    mSlots.resize(mMaxSlotCount);
+    for (size_t i = 0; i < mSlots.size(); ++i) {
+      mSlots[i] = std::make_shared<BufSlotImp>();
+      if (!mSlots[i]) {
+        GMP_LOGF_AS(kStepName, "[%s:line-%d] [s:%d][i:%zu] create buffer slot failed", mSensorId,
+                    i);
+      }
       std::shared_ptr<BufSlotImp>& slot = mSlots[i];
       MutexLocker slotLock(slot->lock);
-      if (slot->buffers.empty()) {
+      slot->index = static_cast<int32_t>(i);
+      slot->validSize = static_cast<int32_t>(mBatchSize);
+      if (!mbLaggingAlloc && i < mSlotCount.load(kAcquire)) {
         allocSlotBuffersLocked(slot, static_cast<int>(i));
-      } else {
-        GMP_LOGI("[%s] [s:%d][i:%zu] slot still has buffer, size:%zu (p:%d, c:%zu)", mSensorId, i,
-                 slot->buffers.size(), slot->producerUser, slot->consumerUserCount);
       }
     }
-    mbReleased.store(false, kRelease);
-    GMP_LOGD("[%s] [setPoolResume] [s:%d] async -", mSensorId);
-  });
-  return 0;
+  }
+  mbReleased.store(mbLaggingAlloc, kRelease);
+  mbInitialized.store(true, kRelease);
+  GMP_TRACE(gainmap::trace::rotation(mSensorId, mSlotCount.load(kAcquire)));
+  GMP_LOGD_AS(kStepName, "[%s] [s:%d] async create pool done", mSensorId);
+  dump();
+}
+
+void GainMapBufPoolImp::runPreAlloc(int32_t index) {
+  gainmap::trace::Slice slice("allocate slot", mSensorId);
+  slice.slot(index);
+  GMP_LOGD_AS(kStepName, "[%s] [s:%d] async pre alloc slot(i:%d) +", mSensorId, index);
+  {
+    std::shared_ptr<BufSlotImp>& slot = mSlots[index];
+    MutexLocker slotLock(slot->lock);
+    // A release and resume queued ahead of this task may have reached the slot first: a resume
+    // gave it its memory (and the producer may hold it), a release leaves its memory to the
+    // next resume. Only this queue changes the released mark, so it is stable here.
+    if (!slot->ready.load(kAcquire) && !mbReleased.load(kAcquire)) {
+      slot->index = index;
+      slot->validSize = static_cast<int32_t>(mBatchSize);
+      allocSlotBuffersLocked(slot, index);
+    }
+  }
+  GMP_LOGD_AS(kStepName, "[%s] [s:%d] async pre alloc slot(i:%d) -", mSensorId, index);
+}
+
+void GainMapBufPoolImp::runReleaseBarrier() {
+  GMP_LOGD_AS(kStepName, "[%s] Wait for CTM createPool/resumePool done");
+}
+
+void GainMapBufPoolImp::runRelease() {
+  gainmap::trace::Slice slice("release", mSensorId);
+  GMP_LOGD_AS(kStepName, "[%s] [setPoolReleased] [s:%d] async +", mSensorId);
+  MutexLocker poolLock(mLock);
+  if (mbReleased.load(kAcquire)) {
+    GMP_LOGW_AS(kStepName, "[%s] [s:%d] has already been marked released", mSensorId);
+    return;
+  }
+  // Set before the slots are visited, so users returning a slot from now on free it.
+  mbReleased.store(true, kRelease);
+  for (std::shared_ptr<BufSlotImp>& slot : mSlots) {
+    MutexLocker slotLock(slot->lock);
+    if (!slot->producerUser && slot->consumerUserCount == 0) {
+      releaseSlotBuffersLocked(slot);
+    } else {
+      slot->freeOnReturn = true;
+      GMP_LOGD_AS(kStepName, "[%s] [s:%d][i:%d] still has users (p:%d, c: %zu)", mSensorId,
+                  slot->index, slot->producerUser, slot->consumerUserCount);
+    }
+  }
+  GMP_LOGD_AS(kStepName, "[%s] [setPoolReleased] [s:%d] async -", mSensorId);
+}
+
+void GainMapBufPoolImp::runResume() {
+  gainmap::trace::Slice slice("resume", mSensorId);
+  GMP_LOGD_AS(kStepName, "[%s] [setPoolResume] [s:%d] async +", mSensorId);
+  MutexLocker poolLock(mLock);
+  if (!mbReleased.load(kAcquire)) {
+    GMP_LOGW_AS(kStepName, "[%s] [s:%d] has already been set resume", mSensorId);
+    return;
+  }
+  // Every slot of the rotation as it stands now, grown ones included.
+  for (size_t i = 0; i < mSlotCount.load(kAcquire); ++i) {
+    std::shared_ptr<BufSlotImp>& slot = mSlots[i];
+    MutexLocker slotLock(slot->lock);
+    // From here until the pool is marked active, a user returning the slot leaves it as it is.
+    slot->freeOnReturn = false;
+    if (slot->buffers.empty()) {
+      allocSlotBuffersLocked(slot, static_cast<int>(i));
+    } else {
+      GMP_LOGI_AS(kStepName, "[%s] [s:%d][i:%zu] slot still has buffer, size:%zu (p:%d, c:%zu)",
+                  mSensorId, i, slot->buffers.size(), slot->producerUser, slot->consumerUserCount);
+    }
+  }
+  mbReleased.store(false, kRelease);
+  GMP_LOGD_AS(kStepName, "[%s] [setPoolResume] [s:%d] async -", mSensorId);
 }
 
 GainMapBufPoolImp::ImgParamMap GainMapBufPoolImp::getPoolImgParams() {
