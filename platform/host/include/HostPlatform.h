@@ -64,12 +64,20 @@ void failHeapCreates(int count);
 // lockBuf fails for the buffer at this index of every batch cut; -1 = never.
 void failLockBufAt(int bufferIndex);
 
-// Queue threads start no new task until releaseQueues().
+// Workers start no new task of any queue until releaseQueues().
 void holdQueues();
 void releaseQueues();
 // Returns once every live queue has run every task posted so far. Not to be called while the
 // queues are held.
 void waitQueuesIdle();
+
+// The shared workers that run every queue's tasks.
+struct TaskWorkerStats {
+  uint64_t workersStarted;  // since process start
+  uint64_t workersAlive;    // starting ones included
+  uint64_t queuesAlive;     // queues with an owner or tasks left
+};
+TaskWorkerStats taskWorkerStats();
 
 }  // namespace host
 }  // namespace qelcam
