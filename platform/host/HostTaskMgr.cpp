@@ -19,6 +19,7 @@
 
 #include <android/log.h>
 #include <pthread.h>
+#include <sched.h>
 
 #include <algorithm>
 #include <chrono>
@@ -131,6 +132,10 @@ class Scheduler {
   }
 
   void runWorker() {
+    // Queue work is background work: a worker woken by a post never preempts the poster, which
+    // would otherwise wait for the task's time slice to return from the post.
+    sched_param const batch{};
+    pthread_setschedparam(pthread_self(), SCHED_BATCH, &batch);
     std::unique_lock<std::mutex> lock(mMutex);
     --mStarting;
     for (;;) {
