@@ -42,8 +42,8 @@ constexpr char kLogTag[] = "QelCam/HostTaskMgr";
 // How long runnable queues may wait while every worker is busy with a task and none comes back for
 // more, before another worker starts: short tasks never cause one, a blocked task costs this once.
 constexpr auto kStallLimit = std::chrono::milliseconds(2);
-// How long a surplus worker waits for work before it ends.
-constexpr auto kIdleLinger = std::chrono::seconds(5);
+// How long a surplus worker waits for work before it ends, unless a test sets another time.
+constexpr std::chrono::milliseconds kIdleLinger = std::chrono::seconds(5);
 
 using Task = std::unique_ptr<std::function<void()>>;
 
@@ -117,7 +117,17 @@ class Scheduler {
 
   qelcam::host::TaskWorkerStats stats() {
     std::lock_guard<std::mutex> lock(mMutex);
-    return {mStarted, mWorkers, mLive.size()};
+    return {mStarted, mWorkers, mMinWorkers, mLive.size()};
+  }
+
+  void setLinger(std::chrono::milliseconds linger) {
+    std::lock_guard<std::mutex> lock(mMutex);
+    mLinger = linger;
+  }
+
+  void waitWorkersAtMost(uint64_t count) {
+    std::unique_lock<std::mutex> lock(mMutex);
+    mWorkerEnded.wait(lock, [&] { return mWorkers <= count; });
   }
 
  private:
@@ -146,6 +156,7 @@ class Scheduler {
       }
     }
     --mWorkers;
+    mWorkerEnded.notify_all();
   }
 
   // Takes the queue at the front of the ready list, runs its next task without any lock held and
@@ -196,7 +207,7 @@ class Scheduler {
   bool waitForWork(std::unique_lock<std::mutex>& lock) {
     ++mIdle;
     for (;;) {
-      if (mWorkAvailable.wait_for(lock, kIdleLinger, [this] { return mWakeTokens > 0; })) {
+      if (mWorkAvailable.wait_for(lock, mLinger, [this] { return mWakeTokens > 0; })) {
         --mWakeTokens;
         return true;
       }
@@ -268,6 +279,7 @@ class Scheduler {
   std::mutex mMutex;  // guards every field below; taken before any queue's mutex
   std::condition_variable mWorkAvailable;          // idle workers wait here for a wake token
   std::condition_variable mStarving;               // the monitor waits here
+  std::condition_variable mWorkerEnded;            // signalled whenever a surplus worker ends
   std::deque<std::shared_ptr<QueueState>> mReady;  // scheduled queues no worker has taken
   QueueList mLive;                                 // every queue with an owner or work left
   bool mHeld = false;
@@ -278,6 +290,7 @@ class Scheduler {
   uint64_t mTakes = 0;       // queues taken from the ready list: the monitor's sign of progress
   uint64_t mStarted = 0;     // workers ever started
   bool mMonitorWaiting = false;
+  std::chrono::milliseconds mLinger = kIdleLinger;
 };
 
 class HostTaskHandle : public NSCam::CTM::TaskHandle {
@@ -390,6 +403,14 @@ void waitQueuesIdle() {
 
 TaskWorkerStats taskWorkerStats() {
   return Scheduler::instance().stats();
+}
+
+void setTaskWorkerLinger(std::chrono::milliseconds linger) {
+  Scheduler::instance().setLinger(linger);
+}
+
+void waitTaskWorkersAtMost(uint64_t count) {
+  Scheduler::instance().waitWorkersAtMost(count);
 }
 
 }  // namespace host

@@ -2,6 +2,7 @@
 
 // Controls of the host platform, for tests and tools. Nothing in the library uses them.
 
+#include <chrono>
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -75,9 +76,14 @@ void waitQueuesIdle();
 struct TaskWorkerStats {
   uint64_t workersStarted;  // since process start
   uint64_t workersAlive;    // starting ones included
+  uint64_t workersKept;     // never end, even when idle
   uint64_t queuesAlive;     // queues with an owner or tasks left
 };
 TaskWorkerStats taskWorkerStats();
+// How long a worker beyond the kept ones waits idle before it ends; 5 s at start.
+void setTaskWorkerLinger(std::chrono::milliseconds linger);
+// Returns once no more than `count` workers are alive.
+void waitTaskWorkersAtMost(uint64_t count);
 
 }  // namespace host
 }  // namespace qelcam

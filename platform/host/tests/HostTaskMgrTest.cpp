@@ -281,41 +281,79 @@ TEST(HostCentralTaskMgr, TasksOfDifferentQueuesRunAtTheSameTime) {
   }
 }
 
+// One task per queue, each blocked until unpark(); the constructor returns once all of them run,
+// which takes as many workers at once.
+class ParkedTasks {
+ public:
+  explicit ParkedTasks(size_t count) : mCount(count), mGate(mUnpark.get_future().share()) {
+    for (size_t n = 0; n < count; ++n) {
+      mQueues.push_back(makeQueue("parked"));
+      CentralTaskMgr::asyncPost(mQueues.back(), 1, [this, gate = mGate] {
+        if (mEntered.fetch_add(1) + 1 == mCount) {
+          mAllEntered.set_value();
+        }
+        gate.wait();
+      });
+    }
+    mAllEntered.get_future().wait();
+  }
+  ~ParkedTasks() {
+    unpark();
+    mQueues.clear();
+  }
+  ParkedTasks(ParkedTasks const&) = delete;
+  ParkedTasks& operator=(ParkedTasks const&) = delete;
+
+  void unpark() {
+    if (!mUnparked) {
+      mUnparked = true;
+      mUnpark.set_value();
+    }
+  }
+
+ private:
+  size_t const mCount;
+  std::atomic<size_t> mEntered{0};
+  std::promise<void> mAllEntered;
+  std::promise<void> mUnpark;
+  std::shared_future<void> mGate;
+  bool mUnparked = false;
+  std::vector<std::shared_ptr<TaskQueue>> mQueues;
+};
+
 TEST(HostCentralTaskMgr, BlockedTasksNeverStarveAnotherQueue) {
   auto probe = makeQueue("probe");
   runOnce(probe);
-  // One more parked task than there are workers: every worker is taken, and one task still waits.
-  size_t const parkedCount = qelcam::host::taskWorkerStats().workersAlive + 1;
   auto const before = qelcam::host::taskWorkerStats();
-  std::promise<void> unpark;
-  std::shared_future<void> gate = unpark.get_future().share();
-  std::atomic<size_t> entered{0};
-  std::promise<void> allEntered;
-  std::vector<std::shared_ptr<TaskQueue>> parked;
-  for (size_t n = 0; n < parkedCount; ++n) {
-    parked.push_back(makeQueue("parked"));
-    CentralTaskMgr::asyncPost(parked.back(), 1, [&, gate] {
-      if (entered.fetch_add(1) + 1 == parkedCount) {
-        allEntered.set_value();
-      }
-      gate.wait();
-    });
-  }
-  allEntered.get_future().wait();
+  // One more parked task than there are workers: they all run only if another worker starts.
+  ParkedTasks parked(before.workersAlive + 1);
+  EXPECT_GT(qelcam::host::taskWorkerStats().workersStarted, before.workersStarted);
 
-  // Another queue still runs, including a task that itself waits on a third queue's barrier, as a
-  // pool does when its last reference goes inside another queue's task.
+  // With every worker blocked, another queue still runs, including a task that itself waits on a
+  // third queue's barrier, as a pool does when its last reference goes inside another queue's task.
   auto other = makeQueue("other");
   auto waited = postStep(probe, [&other] {
     auto barrier = postStep(other, [] {});
     barrier->getFuture().wait();
   });
   waited->getFuture().get();
-  EXPECT_GT(qelcam::host::taskWorkerStats().workersStarted, before.workersStarted);
+}
 
-  unpark.set_value();
+TEST(HostCentralTaskMgr, SurplusWorkersEndOnceIdleAndTheKeptOnesStillServe) {
+  qelcam::host::setTaskWorkerLinger(std::chrono::milliseconds(10));
+  auto probe = makeQueue("probe");
+  runOnce(probe);
+  auto const kept = qelcam::host::taskWorkerStats().workersKept;
+  {
+    ParkedTasks parked(kept + 2);
+    EXPECT_GE(qelcam::host::taskWorkerStats().workersAlive, kept + 2);
+  }
   qelcam::host::waitQueuesIdle();
-  EXPECT_EQ(entered.load(), parkedCount);
+
+  qelcam::host::waitTaskWorkersAtMost(kept);
+  EXPECT_EQ(qelcam::host::taskWorkerStats().workersAlive, kept);
+  runOnce(probe);
+  qelcam::host::setTaskWorkerLinger(std::chrono::seconds(5));
 }
 
 TEST(HostCentralTaskMgr, HeldQueuesStartNothingUntilReleasedThenRunEverything) {
