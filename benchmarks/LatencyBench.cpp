@@ -25,6 +25,13 @@ class AllocatingNeighbour {
     // Lagging allocation: created released, without memory.
     manager->createPool(poolParams(kAllocatingSensor, kAllocatingBatch, kAllocatingSlots), true);
     qelcam::host::waitQueuesIdle();
+    // One round alone, to know how much memory each round takes and gives back.
+    uint64_t const bytesBefore = qelcam::host::heapStats().bytesAlive;
+    manager->resumePool(kAllocatingSensor);
+    qelcam::host::waitQueuesIdle();
+    mBytesPerRound = qelcam::host::heapStats().bytesAlive - bytesBefore;
+    manager->releasePool(kAllocatingSensor);
+    qelcam::host::waitQueuesIdle();
     mThread = std::thread([this, manager] {
       while (!mStop.load(std::memory_order_relaxed)) {
         manager->resumePool(kAllocatingSensor);
@@ -42,11 +49,13 @@ class AllocatingNeighbour {
   AllocatingNeighbour& operator=(AllocatingNeighbour const&) = delete;
 
   uint64_t cycles() const { return mCycles.load(std::memory_order_relaxed); }
+  uint64_t bytesPerRound() const { return mBytesPerRound; }
 
  private:
   // Relaxed: a flag and a counter read on their own, ordered by the join.
   std::atomic<bool> mStop{false};
   std::atomic<uint64_t> mCycles{0};
+  uint64_t mBytesPerRound = 0;
   std::thread mThread;
 };
 
@@ -72,6 +81,7 @@ void BM_ProducerGetLatency(benchmark::State& state) {
   }
   if (neighbour) {
     state.counters["neighbour_cycles"] = static_cast<double>(neighbour->cycles());
+    state.counters["neighbour_MB"] = static_cast<double>(neighbour->bytesPerRound()) / 1e6;
     neighbour.reset();
   }
   latencies.report(state, "get_ns", 1e-9);
