@@ -1,28 +1,59 @@
 #!/usr/bin/env bash
 # Installs what is missing, configures, builds and runs every test.
-#   scripts/test.sh                      g++, no sanitizer, in build/ (benchmarks built too)
+#   scripts/test.sh                      g++, no sanitizer, in build/ (benchmarks built too); then
+#                                        installs the package into a temporary prefix and builds
+#                                        and runs its consumer
 #   scripts/test.sh asan                 g++ with AddressSanitizer + UBSan, in build-asan/
 #   scripts/test.sh tsan                 clang with ThreadSanitizer and -Wthread-safety, in build-tsan/
+#   scripts/test.sh arm64                aarch64-linux-gnu-g++, in build-arm64/, every test run under
+#                                        qemu-aarch64; the library also built with clang for arm64
+#                                        (lock annotations), in build-arm64-clang/
 set -euo pipefail
 cd "$(dirname "$0")/.."
 source scripts/deps.sh
-gainmap_install_deps
 
 flavour="${1:-plain}"
+toolchain=""
+packages=()
 case "$flavour" in
   plain) dir=build; cc=gcc; cxx=g++; sanitize="" ;;
   asan) dir=build-asan; cc=gcc; cxx=g++; sanitize="address,undefined" ;;
   tsan) dir=build-tsan; cc=clang; cxx=clang++; sanitize="thread" ;;
-  *) echo "usage: scripts/test.sh [plain|asan|tsan]" >&2; exit 2 ;;
+  arm64)
+    dir=build-arm64; cc=""; cxx=""; sanitize=""
+    toolchain=cmake/toolchains/aarch64-linux-gnu.cmake
+    packages=("${GAINMAP_ARM64_PACKAGES[@]}")
+    ;;
+  *) echo "usage: scripts/test.sh [plain|asan|tsan|arm64]" >&2; exit 2 ;;
 esac
+gainmap_install_deps "${packages[@]}"
 # The benchmarks are built, not run, in the plain flavour, so that they keep compiling.
 benchmarks=OFF
 [ "$flavour" = plain ] && benchmarks=ON
 
-CC=$cc CXX=$cxx cmake -S . -B "$dir" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
-  -DGAINMAP_SANITIZE="$sanitize" -DGAINMAP_BUILD_BENCHMARKS="$benchmarks" >/dev/null
+configure=(cmake -S . -B "$dir" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo
+           -DGAINMAP_SANITIZE="$sanitize" -DGAINMAP_BUILD_BENCHMARKS="$benchmarks")
+if [ -n "$toolchain" ]; then
+  "${configure[@]}" -DCMAKE_TOOLCHAIN_FILE="$toolchain" >/dev/null
+else
+  CC=$cc CXX=$cxx "${configure[@]}" >/dev/null
+fi
 cmake --build "$dir" -j"$(nproc)"
 export ASAN_OPTIONS="${ASAN_OPTIONS:-detect_leaks=1:abort_on_error=0}"
 export UBSAN_OPTIONS="${UBSAN_OPTIONS:-print_stacktrace=1:halt_on_error=1}"
 export TSAN_OPTIONS="${TSAN_OPTIONS:-halt_on_error=1:second_deadlock_stack=1}"
-ctest --test-dir "$dir" --output-on-failure -j"$(nproc)"
+
+case "$flavour" in
+  arm64)
+    # Death tests and the simulator's tests start arm64 programs themselves.
+    scripts/with-arm64-binfmt.sh ctest --test-dir "$dir" --output-on-failure -j"$(nproc)"
+    cmake -S . -B build-arm64-clang -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DBUILD_TESTING=OFF \
+      -DCMAKE_TOOLCHAIN_FILE=cmake/toolchains/aarch64-linux-gnu-clang.cmake >/dev/null
+    cmake --build build-arm64-clang -j"$(nproc)" --target qelcam_gainmappool
+    ;;
+  plain)
+    ctest --test-dir "$dir" --output-on-failure -j"$(nproc)"
+    scripts/check-package.sh "$dir"
+    ;;
+  *) ctest --test-dir "$dir" --output-on-failure -j"$(nproc)" ;;
+esac

@@ -1,9 +1,13 @@
 # Fails when the shared library exports anything beyond its interface: getInstance and the type
-# information of the two interfaces. Run as: cmake -DLIBRARY=<path> -P CheckExports.cmake
-execute_process(COMMAND nm -D --defined-only -C "${LIBRARY}"
+# information of the two interfaces. Run as: cmake -DLIBRARY=<path> [-DNM=<nm>] -P CheckExports.cmake
+# (the nm of the toolchain that built the library).
+if(NOT NM)
+  set(NM nm)
+endif()
+execute_process(COMMAND ${NM} -D --defined-only -C "${LIBRARY}"
                 OUTPUT_VARIABLE symbols RESULT_VARIABLE status)
 if(NOT status EQUAL 0)
-  message(FATAL_ERROR "nm failed on ${LIBRARY}")
+  message(FATAL_ERROR "${NM} failed on ${LIBRARY}")
 endif()
 string(REPLACE "\n" ";" lines "${symbols}")
 set(exported 0)
