@@ -28,8 +28,10 @@
 #include <deque>
 #include <list>
 #include <mutex>
+#include <string>
 #include <system_error>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "HostPlatform.h"
@@ -53,6 +55,11 @@ using QueueList = std::list<std::shared_ptr<QueueState>>;
 // One queue's work. Shared by the queue object, the ready list and the worker running it, so that
 // a queue dropped inside one of its own tasks leaves its remaining tasks runnable.
 struct QueueState {
+  explicit QueueState(std::string queueName) : name(std::move(queueName)) {}
+
+  // Given to the worker thread while it runs the queue's tasks; at most 15 characters.
+  std::string const name;
+
   std::mutex mutex;  // guards the fields below up to `registration`
   // Signalled after each task while someone waits for the queue to reach a count (`waiters`).
   std::condition_variable taskFinished;
@@ -73,6 +80,16 @@ struct QueueState {
 // The queue whose task this thread is running, if any.
 thread_local QueueState const* tRunningQueue = nullptr;
 
+// A worker carries the name of the queue whose task it runs, as a thread of its own would, so
+// that traces and thread lists show which queue's work it is; renamed only when the queue changes.
+void nameWorkerAfter(QueueState const& queue) {
+  thread_local std::string current;
+  if (current != queue.name) {
+    pthread_setname_np(pthread_self(), queue.name.c_str());
+    current = queue.name;
+  }
+}
+
 class Scheduler {
  public:
   static Scheduler& instance() {
@@ -80,8 +97,9 @@ class Scheduler {
     return *scheduler;
   }
 
-  std::shared_ptr<QueueState> addQueue() {
-    auto queue = std::make_shared<QueueState>();
+  std::shared_ptr<QueueState> addQueue(std::string const& name) {
+    // Thread names are limited to 15 characters.
+    auto queue = std::make_shared<QueueState>(name.substr(0, 15));
     std::lock_guard<std::mutex> lock(mMutex);
     queue->registration = mLive.insert(mLive.end(), queue);
     return queue;
@@ -176,6 +194,7 @@ class Scheduler {
     lock.unlock();
 
     tRunningQueue = queue.get();
+    nameWorkerAfter(*queue);
     (*task)();
     // The callable may own objects whose destructors post, wait or drop this very queue.
     task.reset();
@@ -316,7 +335,7 @@ namespace CTM {
 
 class TaskQueue {
  public:
-  TaskQueue() : mState(Scheduler::instance().addQueue()) {}
+  explicit TaskQueue(std::string const& name) : mState(Scheduler::instance().addQueue(name)) {}
 
   // Waits until every task posted has run, unless called from one of those tasks: the remaining
   // tasks then still run, after it.
@@ -355,8 +374,8 @@ class TaskQueue {
   std::shared_ptr<QueueState> const mState;
 };
 
-std::shared_ptr<TaskQueue> CentralTaskMgr::createQueue(QueueParam const& /*param*/) {
-  return std::make_shared<TaskQueue>();
+std::shared_ptr<TaskQueue> CentralTaskMgr::createQueue(QueueParam const& param) {
+  return std::make_shared<TaskQueue>(param.name);
 }
 
 std::shared_ptr<TaskHandle> CentralTaskMgr::_asyncPost(

@@ -1,4 +1,5 @@
 #include <gtest/gtest.h>
+#include <pthread.h>
 
 #include <atomic>
 #include <chrono>
@@ -202,6 +203,24 @@ TEST(HostCentralTaskMgr, CreatingQueuesStartsNoThread) {
   EXPECT_EQ(after.queuesAlive, before.queuesAlive + 256);
   queues.clear();
   EXPECT_EQ(qelcam::host::taskWorkerStats().queuesAlive, before.queuesAlive);
+}
+
+TEST(HostCentralTaskMgr, ATaskRunsOnAThreadNamedAfterItsQueue) {
+  auto first = makeQueue("GMP_0");
+  auto second = makeQueue("a-queue-name-longer-than-fifteen");
+  auto nameSeenOn = [](std::shared_ptr<TaskQueue>& queue) {
+    std::promise<std::string> name;
+    CentralTaskMgr::asyncPost(queue, 1, [&name] {
+      char buffer[32] = {};
+      pthread_getname_np(pthread_self(), buffer, sizeof buffer);
+      name.set_value(buffer);
+    });
+    return name.get_future().get();
+  };
+
+  EXPECT_EQ(nameSeenOn(first), "GMP_0");
+  EXPECT_EQ(nameSeenOn(second), "a-queue-name-lo");
+  EXPECT_EQ(nameSeenOn(first), "GMP_0");
 }
 
 TEST(HostCentralTaskMgr, ManyQueuesKeepEachPostersOrderAndRunOneTaskAtATime) {
