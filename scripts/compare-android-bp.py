@@ -20,6 +20,7 @@ MODULE_TARGETS = {
     "libqelcam_gainmappool": ["qelcam_gainmappool_objs"],
     "libqelcam_gainmappool_static": ["qelcam_gainmappool_objs"],
     "libqelcam_platform_host": ["qelcam_platform_host"],
+    "libqelcam_chrome_trace_check": ["chrome_trace_check"],
     "libqelcam_gainmappool_test": ["gainmap_tests"],
     "libqelcam_gainmappool_test_host": ["gainmap_tests"],
     "libqelcam_platform_host_test": ["host_platform_tests"],

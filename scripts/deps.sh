@@ -1,7 +1,7 @@
 # Installs what the build needs, when it is missing. Sourced by the other scripts.
 GAINMAP_PACKAGES=(cmake ninja-build g++ clang libclang-rt-dev ccache googletest libgtest-dev
                   libgmock-dev libbenchmark-dev android-liblog-dev android-liblog binutils
-                  pkgconf)
+                  pkgconf nlohmann-json3-dev)
 # The arm64 build and its run under emulation (scripts/test.sh arm64): the cross compiler, the
 # target's libraries from Debian multiarch, and user-mode QEMU.
 GAINMAP_ARM64_PACKAGES=(g++-aarch64-linux-gnu qemu-user libc6:arm64 libstdc++6:arm64

@@ -202,6 +202,17 @@ bool applyValueOption(std::string const& name, std::string const& value, Options
   if (name == "--seed") {
     return parseNumber(value, 0, std::numeric_limits<uint32_t>::max(), name, options.seed, error);
   }
+  if (name == "--max-starved") {
+    return parseNumber(value, 0, 100, name, options.maxStarvedPercent, error);
+  }
+  if (name == "--trace" || name == "--json") {
+    if (value.empty()) {
+      error = name + ": needs a file name";
+      return false;
+    }
+    (name == "--trace" ? options.tracePath : options.jsonPath) = value;
+    return true;
+  }
   // The one value option left is --sensor; the first one replaces the default sensors.
   if (!sensorsGiven) {
     options.sensors.clear();
@@ -218,8 +229,8 @@ bool applyValueOption(std::string const& name, std::string const& value, Options
 
 bool takesValue(std::string const& name) {
   static std::set<std::string> const kValueOptions = {
-      "--duration",       "--fps",          "--consumers", "--hold",
-      "--release-period", "--release-time", "--seed",      "--sensor"};
+      "--duration", "--fps",    "--consumers", "--hold", "--release-period", "--release-time",
+      "--seed",     "--sensor", "--trace",     "--json", "--max-starved"};
   return kValueOptions.count(name) != 0;
 }
 
@@ -247,7 +258,7 @@ std::vector<SensorConfig> defaultSensors() {
   front.id = 2;
   front.modes = {{0, NSCam::MSize(3264, 2448)}};
   front.batch = 1;
-  front.slots = 2;
+  front.slots = 3;
   front.lagging = true;
   return {rear, wide, front};
 }
@@ -289,7 +300,8 @@ ParseResult parseOptions(std::vector<std::string> const& args) {
       value = name.substr(equals + 1);
       name = name.substr(0, equals);
     }
-    if (name == "--help" || name == "-h" || name == "--quiet" || name == "--library-log") {
+    if (name == "--help" || name == "-h" || name == "--quiet" || name == "--library-log" ||
+        name == "--reconfigure" || name == "--teardown") {
       if (inlineValue) {
         return failure("option '" + name + "' takes no value");
       }
@@ -297,6 +309,10 @@ ParseResult parseOptions(std::vector<std::string> const& args) {
         result.options.quiet = true;
       } else if (name == "--library-log") {
         result.options.libraryLog = true;
+      } else if (name == "--reconfigure") {
+        result.options.reconfigure = true;
+      } else if (name == "--teardown") {
+        result.options.teardown = true;
       } else {
         result.kind = ParseResult::Kind::Help;
         return result;
@@ -335,7 +351,8 @@ std::string usage() {
 
 Drives gain-map buffer pools like a camera pipeline: per sensor one producer thread fills a slot
 every frame and several consumer threads borrow, verify and return it, while each pool is released
-and resumed on a schedule. Prints a table per sensor at the end.
+and resumed on a schedule. Prints the figures of every sensor, a starvation diagnosis when the
+producer is refused for busy slots, the verdicts and the result.
 
 options:
   --duration S          run time in seconds, 1-3600 (default 6)
@@ -346,6 +363,12 @@ options:
   --release-time MS     how long a pool stays released (default 200)
   --sensor DESC         a sensor; repeat for more; replaces the default sensors
   --seed N              seed of the hold times (default 1)
+  --max-starved PCT     most producer refusals for busy slots, in percent of a sensor's
+                        frames, before the sensor counts as starved, 0-100 (default 5)
+  --reconfigure         halfway, replace every pool with createPool while frames are in flight
+  --teardown            at three quarters, destroyAllPools while consumers hold slots
+  --trace FILE          write a Chrome JSON trace of the run (Perfetto UI, chrome://tracing)
+  --json FILE           write every figure, the verdicts and the result as JSON
   --quiet               no progress line on stderr
   --library-log         let the library's own log lines through to stderr (they also pass
                         when QELCAM_ULOG_MODE is set in the environment)
@@ -358,9 +381,9 @@ DESC: id=ID,modes=MODE:WxH[/MODE:WxH...][,batch=1-8][,slots=1-16][,lagging=0|1]
 default sensors:
   id=0,modes=0:4000x3000,batch=1,slots=3,lagging=0
   id=1,modes=0:4032x2268,batch=2,slots=3,lagging=0
-  id=2,modes=0:3264x2448,batch=1,slots=2,lagging=1
+  id=2,modes=0:3264x2448,batch=1,slots=3,lagging=1
 
-exit status: 0 clean run, 1 verification failures or lost buffers, 2 bad options.
+exit status: 0 clean run, 1 not clean (see the verdicts), 2 bad options or an unwritable file.
 )";
 }
 

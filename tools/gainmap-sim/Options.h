@@ -30,6 +30,15 @@ struct Options {
   uint32_t seed = 1;
   bool quiet = false;
   bool libraryLog = false;
+  // Empty: no trace file, no JSON figures.
+  std::string tracePath;
+  std::string jsonPath;
+  // A sensor whose producer is refused for busy slots more often than this, in percent of its
+  // frames, is starved.
+  int maxStarvedPercent = 5;
+  // Scenarios: replace every pool halfway; tear the client's pools down at three quarters.
+  bool reconfigure = false;
+  bool teardown = false;
   std::vector<SensorConfig> sensors;
 };
 

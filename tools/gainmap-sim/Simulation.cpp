@@ -1,5 +1,7 @@
 #include "Simulation.h"
 
+#include <pthread.h>
+
 #include <algorithm>
 #include <atomic>
 #include <chrono>
@@ -14,6 +16,7 @@
 
 #include "HostPlatform.h"
 #include "IGainMapBufPool.h"
+#include "camsys/Trace.h"
 
 namespace gainmapsim {
 namespace {
@@ -22,24 +25,38 @@ using NSCam::v3::Utils::IGainMapBufPool;
 using NSCam::v3::Utils::IGainMapBufPoolManager;
 using Clock = std::chrono::steady_clock;
 using Slot = std::shared_ptr<IGainMapBufPool::BufSlot>;
+namespace trace = NSCam::Utils::Trace;
 
 // The client key under which the simulator creates, and at the end destroys, its pools.
 constexpr int32_t kUniKey = 7;
 constexpr auto kSampleInterval = std::chrono::milliseconds(5);
+// How long the teardown waits for a consumer to hold a slot before it goes ahead anyway.
+constexpr auto kTeardownWait = std::chrono::seconds(2);
+constexpr char kFlowCategory[] = "frame";
 
-// The latest frame a producer published: its timestamp and the slot that holds it.
+// The reason the pool traced for the latest refusal on this thread; the trace listener runs on
+// the refused caller's own thread, before the call returns.
+thread_local Refusal tLastRefusal = Refusal::Unexplained;
+
+// The latest frame a producer published: its timestamp, the slot that holds it, and how many
+// resumes its pool had been asked for when it was made.
 struct Frame {
   uint64_t seq = 0;
   long key = 0;
   int32_t index = 0;
+  uint64_t resumes = 0;
 };
 
 struct Sensor {
   SensorConfig config;
-  // Set from just before releasePool until the resume task has run.
+  size_t position = 0;
+  // Set from just before releasePool until the resume task has run; for the progress line.
   std::atomic<bool> released{false};
   std::atomic<uint64_t> produced{0};
   std::atomic<uint64_t> consumed{0};
+  std::atomic<uint64_t> resumes{0};
+  std::atomic<int> holding{0};
+  std::atomic<uint64_t> producedAfterReconfigure{0};
 
   std::mutex frameLock;
   std::condition_variable frameChanged;
@@ -51,14 +68,20 @@ struct Sensor {
 
 void merge(Sensor& sensor, SensorReport const& tally) {
   std::lock_guard<std::mutex> guard(sensor.reportLock);
+  SensorReport& into = sensor.report;
   for (size_t i = 0; i < kCounterCount; ++i) {
-    sensor.report.counts[i] += tally.counts[i];
+    into.counts[i] += tally.counts[i];
   }
-  sensor.report.slotsUsed = std::max(sensor.report.slotsUsed, tally.slotsUsed);
+  for (size_t i = 0; i < kRefusalCount; ++i) {
+    into.producerRefusals[i] += tally.producerRefusals[i];
+    into.consumerRefusals[i] += tally.consumerRefusals[i];
+  }
+  into.slotsUsed = std::max(into.slotsUsed, tally.slotsUsed);
   for (size_t i = 0; i < kCallCount; ++i) {
-    auto& into = sensor.report.latencies[i];
-    into.insert(into.end(), tally.latencies[i].begin(), tally.latencies[i].end());
+    into.latencies[i].insert(into.latencies[i].end(), tally.latencies[i].begin(),
+                             tally.latencies[i].end());
   }
+  into.holds.insert(into.holds.end(), tally.holds.begin(), tally.holds.end());
 }
 
 template <typename Fn>
@@ -82,17 +105,16 @@ uint64_t patternSeed(long key, size_t buffer, size_t plane) {
 
 constexpr uint64_t kPatternStep = 0x9E3779B97F4A7C15ull;
 
-bool writePattern(uint8_t* data, size_t size, uint64_t seed) {
+void writePattern(uint8_t* data, size_t size, uint64_t seed) {
   uint64_t word = seed;
   size_t offset = 0;
   for (; offset + sizeof word <= size; offset += sizeof word, word += kPatternStep) {
     std::memcpy(data + offset, &word, sizeof word);
   }
   std::memcpy(data + offset, &word, size - offset);
-  return true;
 }
 
-bool checkPattern(uint8_t* data, size_t size, uint64_t seed) {
+bool hasPattern(uint8_t const* data, size_t size, uint64_t seed) {
   uint64_t word = seed;
   size_t offset = 0;
   for (; offset + sizeof word <= size; offset += sizeof word, word += kPatternStep) {
@@ -103,28 +125,51 @@ bool checkPattern(uint8_t* data, size_t size, uint64_t seed) {
   return std::memcmp(data + offset, &word, size - offset) == 0;
 }
 
-// Applies `visit` to every plane of the first `count` buffers of the slot; false when a buffer
-// has no address or `visit` says so.
-template <typename Visit>
-bool forEachPlane(Slot const& slot, size_t count, long key, Visit visit) {
+bool allZero(uint8_t const* data, size_t size) {
+  return std::all_of(data, data + size, [](uint8_t byte) { return byte == 0; });
+}
+
+// What a consumer finds in a borrowed slot.
+enum class Contents { Intact, Fresh, Corrupt };
+
+Contents inspect(Slot const& slot, long key) {
+  if (slot->validSize < 0 || static_cast<size_t>(slot->validSize) > slot->buffers.size()) {
+    return Contents::Corrupt;
+  }
+  Contents found = Contents::Intact;
+  for (size_t b = 0; b < static_cast<size_t>(slot->validSize); ++b) {
+    auto const& buffer = slot->buffers[b];
+    for (size_t p = 0; p < buffer->getPlaneCount(); ++p) {
+      auto const* data = reinterpret_cast<uint8_t const*>(buffer->getBufVA(p));
+      size_t const size = buffer->getBufSizeInBytes(p);
+      if (data == nullptr) {
+        return Contents::Corrupt;
+      }
+      if (!hasPattern(data, size, patternSeed(key, b, p))) {
+        if (!allZero(data, size)) {
+          return Contents::Corrupt;
+        }
+        found = Contents::Fresh;
+      }
+    }
+  }
+  return found;
+}
+
+// False when a buffer has no address.
+bool fill(Slot const& slot, size_t count, long key) {
   for (size_t b = 0; b < count; ++b) {
     auto const& buffer = slot->buffers[b];
     for (size_t p = 0; p < buffer->getPlaneCount(); ++p) {
       uintptr_t address = buffer->getBufVA(p);
-      if (address == 0 || !visit(reinterpret_cast<uint8_t*>(address), buffer->getBufSizeInBytes(p),
-                                 patternSeed(key, b, p))) {
+      if (address == 0) {
         return false;
       }
+      writePattern(reinterpret_cast<uint8_t*>(address), buffer->getBufSizeInBytes(p),
+                   patternSeed(key, b, p));
     }
   }
   return true;
-}
-
-bool verifySlot(Slot const& slot, long key) {
-  if (slot->validSize < 0 || static_cast<size_t>(slot->validSize) > slot->buffers.size()) {
-    return false;
-  }
-  return forEachPlane(slot, slot->validSize, key, checkPattern);
 }
 
 long frameTimestamp() {
@@ -132,18 +177,60 @@ long frameTimestamp() {
       .count();
 }
 
+void nameThread(std::string const& name) {
+  pthread_setname_np(pthread_self(), name.substr(0, 15).c_str());
+}
+
+std::string sensorName(int32_t id) {
+  return "s:" + std::to_string(id);
+}
+
+// A slice of the simulator's own on the calling thread, written only into a trace file.
+class SimSlice {
+ public:
+  SimSlice(bool on, std::string const& name) : mOn(on) {
+    if (mOn) {
+      trace::beginSlice(name);
+    }
+  }
+  ~SimSlice() {
+    if (mOn) {
+      trace::endSlice();
+    }
+  }
+  SimSlice(SimSlice const&) = delete;
+  SimSlice& operator=(SimSlice const&) = delete;
+
+ private:
+  bool const mOn;
+};
+
 class Simulation {
  public:
   explicit Simulation(Options const& options)
-      : mOptions(options), mManager(IGainMapBufPoolManager::getInstance()) {
+      : mOptions(options),
+        mTraceFlows(!options.tracePath.empty()),
+        mManager(IGainMapBufPoolManager::getInstance()) {
     for (auto const& config : options.sensors) {
       mSensors.push_back(std::make_unique<Sensor>());
-      mSensors.back()->config = config;
-      mSensors.back()->report.id = config.id;
+      Sensor& sensor = *mSensors.back();
+      sensor.config = config;
+      sensor.position = mSensors.size() - 1;
+      sensor.report.id = config.id;
+      sensor.report.modes = config.modes.size();
     }
   }
 
   Report run() {
+    // Refusals are learnt from the pool's refusal instants, which leave the lending calls'
+    // timeline untraced (and their latencies as they are) unless a trace file is written.
+    qelcam::host::TraceListener refusals(
+        [](qelcam::host::TraceEvent const& event) {
+          if (auto const* reason = event.find("reason")) {
+            tLastRefusal = refusalOf(reason->text);
+          }
+        },
+        trace::kInstants);
     createPools();
     startThreads();
     runSchedule();
@@ -152,15 +239,19 @@ class Simulation {
   }
 
  private:
+  void createPool(Sensor& sensor) {
+    IGainMapBufPoolManager::PoolParameters params;
+    params.sensorId = sensor.config.id;
+    params.sensorSizes.insert(sensor.config.modes.begin(), sensor.config.modes.end());
+    params.batchSize = sensor.config.batch;
+    params.slotCount = sensor.config.slots;
+    params.uniKey = kUniKey;
+    mManager->createPool(params, sensor.config.lagging);
+  }
+
   void createPools() {
     for (auto const& sensor : mSensors) {
-      IGainMapBufPoolManager::PoolParameters params;
-      params.sensorId = sensor->config.id;
-      params.sensorSizes.insert(sensor->config.modes.begin(), sensor->config.modes.end());
-      params.batchSize = sensor->config.batch;
-      params.slotCount = sensor->config.slots;
-      params.uniKey = kUniKey;
-      mManager->createPool(params, sensor->config.lagging);
+      createPool(*sensor);
     }
     // Creation runs on the pools' queues; the first frames should find finished pools.
     qelcam::host::waitQueuesIdle();
@@ -181,7 +272,7 @@ class Simulation {
     for (auto const& sensor : mSensors) {
       mThreads.emplace_back([this, s = sensor.get()] { producerLoop(*s); });
       for (int c = 0; c < mOptions.consumers; ++c) {
-        mThreads.emplace_back([this, s = sensor.get(), seed] { consumerLoop(*s, seed); });
+        mThreads.emplace_back([this, s = sensor.get(), seed, c] { consumerLoop(*s, seed, c); });
         ++seed;
       }
     }
@@ -189,28 +280,48 @@ class Simulation {
   }
 
   void runSchedule() {
-    auto end = Clock::now() + std::chrono::seconds(mOptions.durationSec);
-    if (mOptions.releasePeriodMs == 0) {
-      std::this_thread::sleep_until(end);
-      return;
-    }
-    auto period = std::chrono::milliseconds(mOptions.releasePeriodMs);
-    for (auto next = Clock::now() + period; next < end; next += period) {
+    nameThread("sim-schedule");
+    auto const start = Clock::now();
+    auto const end = start + std::chrono::seconds(mOptions.durationSec);
+    auto const period = std::chrono::milliseconds(mOptions.releasePeriodMs);
+    // Halfway the pools are replaced; at three quarters the client tears them down.
+    auto reconfigureAt = mOptions.reconfigure ? start + (end - start) / 2 : end;
+    auto teardownAt = mOptions.teardown ? start + (end - start) * 3 / 4 : end;
+    auto nextRelease = mOptions.releasePeriodMs > 0 ? start + period : end;
+    for (;;) {
+      auto next = std::min({nextRelease, reconfigureAt, teardownAt});
+      if (next >= end) {
+        break;
+      }
       std::this_thread::sleep_until(next);
-      for (auto const& sensor : mSensors) {
-        release(*sensor);
-      }
-      std::this_thread::sleep_for(std::chrono::milliseconds(mOptions.releaseTimeMs));
-      for (auto const& sensor : mSensors) {
-        resume(*sensor);
-      }
-      // The resume tasks have run once the queues are idle: the pools lend again.
-      qelcam::host::waitQueuesIdle();
-      for (auto const& sensor : mSensors) {
-        sensor->released = false;
+      if (next == reconfigureAt) {
+        reconfigure();
+        reconfigureAt = end;
+      } else if (next == teardownAt) {
+        teardown();
+        teardownAt = end;
+        nextRelease = end;  // nothing is left to release
+      } else {
+        releaseCycle();
+        nextRelease += period;
       }
     }
     std::this_thread::sleep_until(end);
+  }
+
+  void releaseCycle() {
+    for (auto const& sensor : mSensors) {
+      release(*sensor);
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(mOptions.releaseTimeMs));
+    for (auto const& sensor : mSensors) {
+      resume(*sensor);
+    }
+    // The resume tasks have run once the queues are idle: the pools lend again.
+    qelcam::host::waitQueuesIdle();
+    for (auto const& sensor : mSensors) {
+      sensor->released = false;
+    }
   }
 
   void release(Sensor& sensor) {
@@ -224,10 +335,45 @@ class Simulation {
   }
 
   void resume(Sensor& sensor) {
+    ++sensor.resumes;
     if (mManager->resumePool(sensor.config.id) != 0) {
       std::lock_guard<std::mutex> guard(sensor.reportLock);
       ++sensor.report[Counter::ManagerRefused];
     }
+  }
+
+  // A new configuration: every pool is replaced by createPool while frames are in flight.
+  void reconfigure() {
+    for (auto const& sensor : mSensors) {
+      mReplaced.push_back(mManager->getPool(sensor->config.id));
+      createPool(*sensor);
+    }
+    mReconfigured = true;
+    qelcam::host::waitQueuesIdle();
+    for (auto const& sensor : mSensors) {
+      if (sensor->config.lagging) {
+        resume(*sensor);
+      }
+    }
+  }
+
+  // The client goes away: destroyAllPools while consumers still hold slots.
+  void teardown() {
+    auto const giveUp = Clock::now() + kTeardownWait;
+    while (heldSlots() == 0 && Clock::now() < giveUp) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    mHeldAtTeardown = heldSlots();
+    mTornDown = true;
+    mManager->destroyAllPools(kUniKey);
+  }
+
+  uint64_t heldSlots() const {
+    uint64_t held = 0;
+    for (auto const& sensor : mSensors) {
+      held += static_cast<uint64_t>(sensor->holding.load());
+    }
+    return held;
   }
 
   void stopThreads() {
@@ -245,10 +391,20 @@ class Simulation {
   Report finish() {
     Report report;
     for (auto const& sensor : mSensors) {
-      report.sensors.push_back(std::move(sensor->report));
-      for (auto& samples : report.sensors.back().latencies) {
+      SensorReport& result = sensor->report;
+      for (auto& samples : result.latencies) {
         std::sort(samples.begin(), samples.end());
       }
+      std::sort(result.holds.begin(), result.holds.end());
+      report.scenarios.producedAfterReconfigure += sensor->producedAfterReconfigure.load();
+      report.sensors.push_back(std::move(result));
+    }
+    report.scenarios.reconfigured = mReconfigured;
+    report.scenarios.tornDown = mTornDown;
+    report.scenarios.heldAtTeardown = mHeldAtTeardown;
+    // Every thread is joined: nothing of the simulator holds a replaced pool any more.
+    for (auto const& replaced : mReplaced) {
+      report.scenarios.replacedPoolsAlive += replaced.expired() ? 0 : 1;
     }
     mManager->destroyAllPools(kUniKey);
     qelcam::host::waitQueuesIdle();
@@ -259,28 +415,43 @@ class Simulation {
     return report;
   }
 
+  // Flows go from the producer's frame to each consumer that may read it.
+  uint64_t flowId(Sensor const& sensor, uint64_t seq, int consumer) const {
+    return (seq * 16 + static_cast<uint64_t>(consumer)) * 8 + sensor.position;
+  }
+
   void producerLoop(Sensor& sensor) {
+    nameThread("prod " + sensorName(sensor.config.id));
     SensorReport tally;
-    auto period = std::chrono::nanoseconds(1000000000 / mOptions.fps);
+    auto const period = std::chrono::nanoseconds(1000000000 / mOptions.fps);
     auto next = Clock::now();
     while (!mStop) {
+      ++tally[Counter::FramesDue];
       produceFrame(sensor, tally);
-      // A late producer skips the frames it missed, as a sensor would.
-      next = std::max(next + period, Clock::now());
+      next += period;
+      // A late producer skips the frame times it missed, as a sensor would; they count as due.
+      auto const late = Clock::now() - next;
+      if (late > period) {
+        auto const missed = late / period;
+        tally[Counter::FramesDue] += static_cast<uint64_t>(missed);
+        next += missed * period;
+      }
       std::this_thread::sleep_until(next);
     }
     merge(sensor, tally);
   }
 
   void produceFrame(Sensor& sensor, SensorReport& tally) {
+    SimSlice slice(mTraceFlows, "frame " + sensorName(sensor.config.id));
     auto pool = timed(tally, Call::GetPool, [&] { return mManager->getPool(sensor.config.id); });
     if (!pool) {
-      ++tally[Counter::NoPool];
+      ++tally[mTornDown ? Counter::NoPoolAfterTeardown : Counter::NoPool];
       return;
     }
+    tLastRefusal = Refusal::Unexplained;
     Slot slot = timed(tally, Call::GetProducer, [&] { return pool->getProducerBuffer(); });
     if (!slot) {
-      ++tally[sensor.released ? Counter::ProducerReleased : Counter::ProducerNoSlot];
+      ++tally.producerRefusals[static_cast<size_t>(tLastRefusal)];
       return;
     }
     long key = frameTimestamp();
@@ -288,8 +459,8 @@ class Simulation {
     if (validSize == 0) {
       ++tally[Counter::ProducerEmptySlot];
     }
-    if (!forEachPlane(slot, validSize, key, writePattern)) {
-      ++tally[Counter::VerificationFailures];
+    if (!fill(slot, static_cast<size_t>(validSize), key)) {
+      ++tally[Counter::Corrupted];
     }
     int32_t index = slot->index;
     int status = timed(tally, Call::SetProducer,
@@ -301,14 +472,22 @@ class Simulation {
     ++tally[Counter::Produced];
     ++sensor.produced;
     tally.slotsUsed = std::max(tally.slotsUsed, static_cast<uint32_t>(index) + 1);
+    if (mReconfigured) {
+      ++sensor.producedAfterReconfigure;
+    }
     publish(sensor, key, index);
   }
 
   void publish(Sensor& sensor, long key, int32_t index) {
     std::lock_guard<std::mutex> guard(sensor.frameLock);
     sensor.latest.seq++;
+    // Before any consumer can see the frame, so that every flow starts before it ends.
+    for (int c = 0; mTraceFlows && c < mOptions.consumers; ++c) {
+      trace::flowBegin(kFlowCategory, "frame", flowId(sensor, sensor.latest.seq, c));
+    }
     sensor.latest.key = key;
     sensor.latest.index = index;
+    sensor.latest.resumes = sensor.resumes.load();
     sensor.frameChanged.notify_all();
   }
 
@@ -323,47 +502,64 @@ class Simulation {
     return true;
   }
 
-  void consumerLoop(Sensor& sensor, uint32_t seed) {
+  void consumerLoop(Sensor& sensor, uint32_t seed, int consumer) {
+    nameThread("cons " + sensorName(sensor.config.id) + " #" + std::to_string(consumer));
     SensorReport tally;
     std::mt19937 random(seed);
     std::uniform_int_distribution<int> holdMs(mOptions.holdMinMs, mOptions.holdMaxMs);
     Frame frame;
     while (waitFrame(sensor, frame.seq, frame)) {
-      consumeFrame(sensor, frame, std::chrono::milliseconds(holdMs(random)), tally);
+      consumeFrame(sensor, frame, consumer, std::chrono::milliseconds(holdMs(random)), tally);
     }
     merge(sensor, tally);
   }
 
-  void consumeFrame(Sensor& sensor, Frame const& frame, std::chrono::milliseconds hold,
-                    SensorReport& tally) {
+  void consumeFrame(Sensor& sensor, Frame const& frame, int consumer,
+                    std::chrono::milliseconds hold, SensorReport& tally) {
+    SimSlice slice(mTraceFlows, "consume " + sensorName(sensor.config.id));
+    if (mTraceFlows) {
+      trace::flowEnd(kFlowCategory, "frame", flowId(sensor, frame.seq, consumer));
+    }
     auto pool = timed(tally, Call::GetPool, [&] { return mManager->getPool(sensor.config.id); });
     if (!pool) {
-      ++tally[Counter::NoPool];
+      ++tally[mTornDown ? Counter::NoPoolAfterTeardown : Counter::NoPool];
       return;
     }
+    tLastRefusal = Refusal::Unexplained;
     Slot slot = timed(tally, Call::GetConsumer,
                       [&] { return pool->getConsumerBuffer(frame.key, frame.index); });
     if (!slot) {
-      ++tally[sensor.released ? Counter::ConsumerReleased : Counter::ConsumerRefused];
+      ++tally.consumerRefusals[static_cast<size_t>(tLastRefusal)];
       return;
     }
+    ++sensor.holding;
+    auto const heldSince = Clock::now();
     ++tally[Counter::Consumed];
     ++sensor.consumed;
-    if (!verifySlot(slot, frame.key)) {
-      ++tally[Counter::VerificationFailures];
-    }
+    Contents contents = inspect(slot, frame.key);
     std::this_thread::sleep_for(hold);
-    // Nobody may touch a lent slot: the frame must still be intact when it goes back.
-    if (!verifySlot(slot, frame.key)) {
-      ++tally[Counter::VerificationFailures];
+    // Nobody may touch a lent slot: the frame must still be as it was when it goes back.
+    if (contents != Contents::Corrupt && inspect(slot, frame.key) != contents) {
+      contents = Contents::Corrupt;
+    }
+    // Memory made afresh by a resume, lent under the key of a frame made before it.
+    bool const fresh = contents == Contents::Fresh && frame.resumes < sensor.resumes.load();
+    if (fresh) {
+      ++tally[Counter::FreshUnderOldKey];
+    } else if (contents != Contents::Intact) {
+      ++tally[Counter::Corrupted];
     }
     int status = timed(tally, Call::SetConsumer, [&] { return pool->setConsumerBuffer(slot); });
+    tally.holds.push_back(
+        std::chrono::duration_cast<std::chrono::nanoseconds>(Clock::now() - heldSince).count());
+    --sensor.holding;
     if (status != 0) {
       ++tally[Counter::ConsumerSetFailed];
     }
   }
 
   void monitorLoop() {
+    nameThread("sim-monitor");
     auto start = Clock::now();
     auto nextLine = start + std::chrono::seconds(1);
     while (!mStop) {
@@ -393,9 +589,15 @@ class Simulation {
   }
 
   Options const& mOptions;
+  bool const mTraceFlows;
   std::shared_ptr<IGainMapBufPoolManager> mManager;
   std::vector<std::unique_ptr<Sensor>> mSensors;
   std::atomic<bool> mStop{false};
+  std::atomic<bool> mReconfigured{false};
+  std::atomic<bool> mTornDown{false};
+  // Written by the schedule thread only; read once it is done.
+  uint64_t mHeldAtTeardown = 0;
+  std::vector<std::weak_ptr<IGainMapBufPool>> mReplaced;
   std::vector<std::thread> mThreads;
   std::thread mMonitor;
   // Written by the monitor thread only; read once it has been joined.

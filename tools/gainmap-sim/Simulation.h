@@ -2,6 +2,7 @@
 
 #include <array>
 #include <cstdint>
+#include <string>
 #include <vector>
 
 #include "Options.h"
@@ -10,21 +11,41 @@ namespace gainmapsim {
 
 // What the simulator counts per sensor.
 enum class Counter {
-  Produced,              // frames handed back with setProducerBuffer and published
-  Consumed,              // successful getConsumerBuffer calls
-  ProducerNoSlot,        // getProducerBuffer empty while the pool was active
-  ProducerReleased,      // getProducerBuffer empty while the schedule had the pool released
-  ProducerEmptySlot,     // a slot lent to the producer with nothing in `buffers`
-  ProducerSetFailed,     // setProducerBuffer answered -22
-  ConsumerRefused,       // getConsumerBuffer empty while the pool was active
-  ConsumerReleased,      // getConsumerBuffer empty while the schedule had the pool released
-  ConsumerSetFailed,     // setConsumerBuffer answered -22
-  NoPool,                // getPool answered empty
-  ManagerRefused,        // releasePool or resumePool answered -22
-  Releases,              // release and resume cycles of the schedule
-  VerificationFailures,  // buffer checks that found another frame's bytes or no address
+  FramesDue,            // frame times that passed while the producer ran, at the target rate
+  Produced,             // frames handed back with setProducerBuffer and published
+  ProducerEmptySlot,    // a slot lent to the producer with nothing in `buffers`
+  Consumed,             // successful getConsumerBuffer calls
+  ProducerSetFailed,    // setProducerBuffer answered -22
+  ConsumerSetFailed,    // setConsumerBuffer answered -22
+  NoPool,               // getPool answered empty while the pools should exist
+  NoPoolAfterTeardown,  // getPool answered empty after the client tore its pools down
+  ManagerRefused,       // releasePool or resumePool answered -22
+  Releases,             // release and resume cycles of the schedule
+  Corrupted,            // buffer checks that found bytes of another frame, or no address
+  FreshUnderOldKey,     // a frame lent after a resume on memory made afresh: zeroes, not its bytes
 };
-constexpr size_t kCounterCount = 13;
+constexpr size_t kCounterCount = 12;
+
+// Why getProducerBuffer or getConsumerBuffer lent nothing, as the pool's trace gives it.
+enum class Refusal {
+  NotInitialized,
+  Released,
+  NotReady,
+  HeldByProducer,
+  HeldByConsumers,
+  RotationAtMax,
+  StaleTimestamp,
+  BuffersReleased,
+  NoBuffersByDesign,
+  InvalidIndex,
+  NoSlot,
+  Unexplained,  // no reason was traced
+};
+constexpr size_t kRefusalCount = 12;
+
+// The reason's text in the trace, and the name of its figure.
+char const* refusalText(Refusal refusal);
+Refusal refusalOf(std::string const& text);
 
 // The lending calls whose latency the simulator measures.
 enum class Call { GetPool, GetProducer, SetProducer, GetConsumer, SetConsumer };
@@ -32,26 +53,47 @@ constexpr size_t kCallCount = 5;
 
 struct SensorReport {
   int32_t id = 0;
+  size_t modes = 1;
   std::array<uint64_t, kCounterCount> counts{};
-  // One more than the largest slot index lent to the producer.
+  std::array<uint64_t, kRefusalCount> producerRefusals{};
+  std::array<uint64_t, kRefusalCount> consumerRefusals{};
+  // One more than the largest slot index lent to the producer, and the most the rotation may
+  // grow to.
   uint32_t slotsUsed = 0;
   uint32_t maxSlots = 0;
-  // Nanoseconds per call; sorted once the run is over.
+  // Nanoseconds per call, and per consumer hold (borrowed until handed back); sorted at the end.
   std::array<std::vector<int64_t>, kCallCount> latencies;
+  std::vector<int64_t> holds;
 
   uint64_t& operator[](Counter counter) { return counts[static_cast<size_t>(counter)]; }
   uint64_t operator[](Counter counter) const { return counts[static_cast<size_t>(counter)]; }
-  // Slots lent and never taken back by the pool.
   uint64_t lostSlots() const {
     return (*this)[Counter::ProducerSetFailed] + (*this)[Counter::ConsumerSetFailed];
   }
+  uint64_t dropped() const {
+    uint64_t const due = (*this)[Counter::FramesDue];
+    return due > (*this)[Counter::Produced] ? due - (*this)[Counter::Produced] : 0;
+  }
+  // Producer refusals because the slot under the cursor was busy or not yet allocated: the
+  // rotation is too small for the consumers' holds.
+  uint64_t starved() const;
+};
+
+// What the optional scenarios saw.
+struct ScenarioReport {
+  bool reconfigured = false;
+  uint64_t producedAfterReconfigure = 0;
+  uint64_t replacedPoolsAlive = 0;  // replaced pools still alive once every thread was joined
+  bool tornDown = false;
+  uint64_t heldAtTeardown = 0;  // slots that consumers held when destroyAllPools ran
+  uint64_t producedAfterTeardown = 0;
 };
 
 struct Report {
   std::vector<SensorReport> sensors;
-  // Largest image memory alive at any sample taken during the run.
+  ScenarioReport scenarios;
+  // Process-wide: the largest image memory in a sample, and what outlived the pools.
   uint64_t peakImageBytes = 0;
-  // Image heaps still alive once every pool was destroyed and the queues ran dry.
   uint64_t heapsLeft = 0;
   uint64_t bytesLeft = 0;
 };

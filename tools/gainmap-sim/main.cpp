@@ -1,9 +1,11 @@
 #include <cstdio>
 #include <cstdlib>
+#include <fstream>
 #include <iostream>
 #include <string>
 #include <vector>
 
+#include "HostPlatform.h"
 #include "Options.h"
 #include "Report.h"
 #include "Simulation.h"
@@ -20,12 +22,31 @@ int main(int argc, char** argv) {
     std::fprintf(stderr, "gainmap-sim: %s (see --help)\n", parsed.error.c_str());
     return 2;
   }
+  auto const& options = parsed.options;
   // Refusals are part of the run and the library logs each one, so its lines stay out unless
   // asked for, by option or by choosing the logger's mode in the environment.
-  if (!parsed.options.libraryLog && std::getenv("QELCAM_ULOG_MODE") == nullptr) {
+  if (!options.libraryLog && std::getenv("QELCAM_ULOG_MODE") == nullptr) {
     NSCam::Utils::ULog::ULogger::sMode = 0;
   }
-  auto report = gainmapsim::runSimulation(parsed.options);
-  gainmapsim::printReport(report, parsed.options, std::cout);
-  return gainmapsim::isClean(report) ? 0 : 1;
+  if (!options.tracePath.empty() && !qelcam::host::startTrace(options.tracePath)) {
+    std::fprintf(stderr, "gainmap-sim: cannot write the trace to %s (or QELCAM_TRACE is set)\n",
+                 options.tracePath.c_str());
+    return 2;
+  }
+  std::ofstream json;
+  if (!options.jsonPath.empty()) {
+    json.open(options.jsonPath);
+    if (!json) {
+      std::fprintf(stderr, "gainmap-sim: cannot write the figures to %s\n",
+                   options.jsonPath.c_str());
+      return 2;
+    }
+  }
+  auto report = gainmapsim::runSimulation(options);
+  qelcam::host::stopTrace();
+  gainmapsim::printReport(report, options, std::cout);
+  if (json.is_open()) {
+    json << gainmapsim::reportJson(report, options).dump(2) << '\n';
+  }
+  return gainmapsim::isClean(gainmapsim::verdicts(report, options)) ? 0 : 1;
 }

@@ -11,6 +11,7 @@
 #include <tuple>
 
 #include "GainMapLog.h"
+#include "GainMapTrace.h"
 #include "camsys/Format.h"
 #include "camsys/Properties.h"
 #include "camsys/SensorInfo.h"
@@ -101,6 +102,7 @@ GainMapBufPoolImp::GainMapBufPoolImp(PoolParameters const& params, bool laggingA
 
   // Slots and their memory are made on the queue: the caller holds the manager's lock.
   post([this] {
+    gainmap::trace::Slice slice("create", mSensorId);
     GMP_LOGD("[%s] [s:%d] async create pool start", mSensorId);
     {
       MutexLocker poolLock(mLock);
@@ -121,12 +123,14 @@ GainMapBufPoolImp::GainMapBufPoolImp(PoolParameters const& params, bool laggingA
     }
     mbReleased.store(mbLaggingAlloc, kRelease);
     mbInitialized.store(true, kRelease);
+    GMP_TRACE(gainmap::trace::rotation(mSensorId, mSlotCount.load(kAcquire)));
     GMP_LOGD("[%s] [s:%d] async create pool done", mSensorId);
     dump();
   });
 }
 
 GainMapBufPoolImp::~GainMapBufPoolImp() {
+  gainmap::trace::Slice slice("destroy", mSensorId);
   // Every task posted before this barrier holds a plain pointer to the pool.
   std::shared_ptr<TaskHandle> barrier = post([] {});
   waitFor(barrier);
@@ -141,11 +145,14 @@ GainMapBufPoolImp::~GainMapBufPoolImp() {
     if (slot->producerUser || slot->consumerUserCount != 0) {
       busySlots << "[" << i << "]: "
                 << "(p: " << slot->producerUser << " c:" << slot->consumerUserCount << "), ";
+      GMP_TRACE(gainmap::trace::holdsDropped(mSensorId, slot.get(), slot->producerUser,
+                                             slot->consumerUserCount));
     }
     if (!slot->buffers.empty()) {
       releaseSlotBuffersLocked(slot);
       GMP_LOGVD(this, "[%s] [s:%d][i:%zu] buffers released", mSensorId, i);
     }
+    GMP_TRACE(gainmap::trace::slotBytes(mSensorId, slot.get(), 0));
   }
   if (!busySlots.str().empty()) {
     GMP_LOGI("[%s] [s:%d] buffer slots still have users while destructing {%s}", mSensorId,
@@ -279,6 +286,8 @@ int GainMapBufPoolImp::allocSlotBuffersLocked(std::shared_ptr<BufSlotImp>& slot,
     }
   }
   slot->ready.store(true, kRelease);
+  GMP_TRACE(gainmap::trace::slotBytes(mSensorId, slot.get(),
+                                      static_cast<uint32_t>(mAllocParam.imgSize.w)));
   return 0;
 }
 
@@ -292,7 +301,10 @@ int GainMapBufPoolImp::preAllocOneSlotLocked() {
   mPreAllocIndex = added;
   // From here the slot is in the rotation, not ready until its task has run.
   mSlotCount.fetch_add(1);
+  GMP_TRACE(gainmap::trace::rotation(mSensorId, mSlotCount.load(kAcquire)));
   post([this, added] {
+    gainmap::trace::Slice slice("allocate slot", mSensorId);
+    slice.slot(added);
     GMP_LOGD("[%s] [s:%d] async pre alloc slot(i:%d) +", mSensorId, added);
     {
       std::shared_ptr<BufSlotImp>& slot = mSlots[added];
@@ -320,13 +332,16 @@ int GainMapBufPoolImp::releaseSlotBuffersLocked(std::shared_ptr<BufSlotImp>& slo
     }
     slot->buffersBySize.clear();
   }
+  GMP_TRACE(gainmap::trace::slotBytes(mSensorId, slot.get(), 0));
   GMP_LOGVD(this, "[%s] [s:%d][i:%d] released size (%zu)", mSensorId, slot->index,
             slot->buffers.size());
   return 0;
 }
 
 std::shared_ptr<GainMapBufPoolImp::BufSlot> GainMapBufPoolImp::getProducerBuffer() {
+  gainmap::trace::Slice slice("getProducerBuffer", mSensorId);
   std::shared_ptr<BufSlot> slot = onGetProducerBuffer();
+  slice.slot(slot.get());
   if (!slot && mbInitialized.load(kAcquire)) {
     dump();
   }
@@ -339,6 +354,7 @@ std::shared_ptr<GainMapBufPoolImp::BufSlot> GainMapBufPoolImp::onGetProducerBuff
   }
   if (mSlotCount.load(kAcquire) == 0) {
     GMP_LOGE("[%s] [s:%d] pool has no slot to lend", mSensorId);
+    GMP_TRACE_INSTANT(gainmap::trace::refused(__func__, mSensorId, gainmap::trace::kNoSlot));
     return nullptr;
   }
   std::shared_ptr<BufSlotImp> slot;
@@ -347,17 +363,26 @@ std::shared_ptr<GainMapBufPoolImp::BufSlot> GainMapBufPoolImp::onGetProducerBuff
     slot = mSlots[mCurrentIndex];
     if (!slot->ready.load(kAcquire)) {
       GMP_LOGW("[%s] [s:%d][i:%zu] slot is not ready", mSensorId, mCurrentIndex);
+      GMP_TRACE_INSTANT(gainmap::trace::refused(__func__, mSensorId, gainmap::trace::kNotReady,
+                                                static_cast<int>(mCurrentIndex)));
       return nullptr;
     }
     MutexLocker slotLock(slot->lock);
     if (slot->producerUser) {
       GMP_LOGE("[%s] [s:%d][i:%d] still has producer user", mSensorId, slot->index);
+      GMP_TRACE_INSTANT(gainmap::trace::refused(__func__, mSensorId,
+                                                gainmap::trace::kHeldByProducer, slot->index));
       return nullptr;
     }
     if (slot->consumerUserCount != 0) {
       // A busy slot is never skipped: grow the rotation so a free slot comes up later.
       GMP_LOGW("[%s] [s:%d][i:%d] still has consumer users (c:%zu)", mSensorId, slot->index,
                slot->consumerUserCount);
+      GMP_TRACE_INSTANT(gainmap::trace::refused(__func__, mSensorId,
+                                                mSlotCount.load(kAcquire) >= mMaxSlotCount
+                                                    ? gainmap::trace::kRotationAtMax
+                                                    : gainmap::trace::kHeldByConsumers,
+                                                slot->index));
       if (mPreAllocIndex == -1) {
         GMP_LOGD("[%s] need pre alloc slot");
         preAllocOneSlotLocked();
@@ -366,6 +391,7 @@ std::shared_ptr<GainMapBufPoolImp::BufSlot> GainMapBufPoolImp::onGetProducerBuff
     }
     GMP_LOGVD(this, "[%s] [s:%d] current index: %zu", mSensorId, mCurrentIndex);
     slot->producerUser = true;
+    GMP_TRACE(gainmap::trace::producerTakes(mSensorId, slot.get()));
     if (mPreAllocIndex != -1 && static_cast<size_t>(mPreAllocIndex) == mCurrentIndex) {
       // Taking the newest slot: slot 0 comes next, so grow again if consumers still hold it.
       std::shared_ptr<BufSlotImp>& first = mSlots[0];
@@ -389,6 +415,9 @@ std::shared_ptr<GainMapBufPoolImp::BufSlot> GainMapBufPoolImp::onGetProducerBuff
 
 int GainMapBufPoolImp::setProducerBuffer(long const& key, int const& validSize,
                                          std::shared_ptr<BufSlot> slot) {
+  gainmap::trace::Slice slice("setProducerBuffer", mSensorId);
+  slice.slot(slot.get());
+  slice.key(key);
   int status = onSetProducerBuffer(key, validSize, slot);
   if (status != 0) {
     dump();
@@ -409,16 +438,21 @@ int GainMapBufPoolImp::onSetProducerBuffer(long const& key, int const& validSize
   if (static_cast<uint64_t>(static_cast<int64_t>(validSize)) > own->buffers.size()) {
     GMP_LOGE("[%s] [s:%d][i:%d] user validSize(%d) exceeds slot buffer num(%zu)", mSensorId,
              own->index, validSize, own->buffers.size());
+    GMP_TRACE_INSTANT(
+        gainmap::trace::refused(__func__, mSensorId, gainmap::trace::kTooManyValid, own->index));
     return kBadValue;
   }
   if (!own->producerUser || own->consumerUserCount != 0) {
     GMP_LOGE("[%s] [s:%d][i:%d] cannot set producer buffer (p:%d, c:%zu)", mSensorId, own->index,
              own->producerUser, own->consumerUserCount);
+    GMP_TRACE_INSTANT(gainmap::trace::refused(__func__, mSensorId,
+                                              gainmap::trace::kNotHeldByProducer, own->index));
     return kBadValue;
   }
   own->validSize = validSize;
   own->producerUser = false;
   own->key = key;
+  GMP_TRACE(gainmap::trace::producerReturns(mSensorId, own.get(), key));
   if (mbReleased.load(kAcquire) && own->consumerUserCount == 0) {
     GMP_LOGVD(this, "[%s] [s:%d][i:%d] pool marked released, release slot buffers", mSensorId,
               own->index);
@@ -431,6 +465,9 @@ int GainMapBufPoolImp::onSetProducerBuffer(long const& key, int const& validSize
 
 std::shared_ptr<GainMapBufPoolImp::BufSlot> GainMapBufPoolImp::getConsumerBuffer(long const& key,
                                                                                  int index) {
+  gainmap::trace::Slice slice("getConsumerBuffer", mSensorId);
+  slice.slot(index);
+  slice.key(key);
   std::shared_ptr<BufSlot> slot = onGetConsumerBuffer(key, index);
   if (!slot && mbInitialized.load(kAcquire)) {
     dump();
@@ -447,25 +484,36 @@ std::shared_ptr<GainMapBufPoolImp::BufSlot> GainMapBufPoolImp::onGetConsumerBuff
   if (index < 0 || static_cast<uint32_t>(index) >= mSlotCount.load(kAcquire)) {
     GMP_LOGE("[%s] [s:%d] request invalid index(%d). Number of slots(%d)", mSensorId, index,
              mSlotCount.load(kAcquire));
+    GMP_TRACE_INSTANT(
+        gainmap::trace::refused(__func__, mSensorId, gainmap::trace::kInvalidIndex, index));
     return nullptr;
   }
   std::shared_ptr<BufSlotImp> slot = mSlots[index];
   MutexLocker slotLock(slot->lock);
   if (slot->producerUser) {
     GMP_LOGE("[%s] [s:%d][i:%d] slot has producer user", mSensorId, slot->index);
+    GMP_TRACE_INSTANT(
+        gainmap::trace::refused(__func__, mSensorId, gainmap::trace::kHeldByProducer, slot->index));
     return nullptr;
   }
   if (slot->key != key) {
     GMP_LOGE("[%s] [s:%d][i:%d] timestamp mismatch, slot timestamp: %ldconsumer timestamp: %ld",
              mSensorId, slot->index, slot->key, key);
+    GMP_TRACE_INSTANT(
+        gainmap::trace::refused(__func__, mSensorId, gainmap::trace::kStaleTimestamp, slot->index));
     return nullptr;
   }
   if (slot->buffers.empty()) {
     GMP_LOGD("[%s] [s:%d][i:%d] slot buffers has been released. mbReleased(%d)", mSensorId,
              slot->index, mbReleased.load(kAcquire));
+    GMP_TRACE_INSTANT(gainmap::trace::refused(
+        __func__, mSensorId,
+        slot->useSizeMap ? gainmap::trace::kNoBuffersByDesign : gainmap::trace::kBuffersReleased,
+        slot->index));
     return nullptr;
   }
   ++slot->consumerUserCount;
+  GMP_TRACE(gainmap::trace::consumerTakes(mSensorId, slot.get(), key, slot->consumerUserCount));
   GMP_LOGVD(this, "[%s] [s:%d][i:%d] slot:%p, size:%zu, validSize:%d, c:%zu", mSensorId,
             slot->index, static_cast<void*>(slot.get()), slot->buffers.size(), slot->validSize,
             slot->consumerUserCount);
@@ -473,6 +521,8 @@ std::shared_ptr<GainMapBufPoolImp::BufSlot> GainMapBufPoolImp::onGetConsumerBuff
 }
 
 int GainMapBufPoolImp::setConsumerBuffer(std::shared_ptr<BufSlot> slot) {
+  gainmap::trace::Slice slice("setConsumerBuffer", mSensorId);
+  slice.slot(slot.get());
   int status = onSetConsumerBuffer(slot);
   if (status != 0) {
     dump();
@@ -491,14 +541,19 @@ int GainMapBufPoolImp::onSetConsumerBuffer(std::shared_ptr<BufSlot> slot) {
   if (own->producerUser) {
     GMP_LOGE("[%s] [s:%d][i:%d] slot has producer user (p:%d, c:%zu)", mSensorId, own->index,
              own->producerUser, own->consumerUserCount);
+    GMP_TRACE_INSTANT(
+        gainmap::trace::refused(__func__, mSensorId, gainmap::trace::kHeldByProducer, own->index));
     return kBadValue;
   }
   if (own->consumerUserCount == 0) {
     GMP_LOGE("[%s] [s:%d][i:%d] slot has no consumer user (p:%d, c:%zu)", mSensorId, own->index,
              own->producerUser, own->consumerUserCount);
+    GMP_TRACE_INSTANT(gainmap::trace::refused(__func__, mSensorId,
+                                              gainmap::trace::kNotHeldByConsumer, own->index));
     return kBadValue;
   }
   --own->consumerUserCount;
+  GMP_TRACE(gainmap::trace::consumerReturns(mSensorId, own.get(), own->consumerUserCount));
   // The last consumer of a released pool frees the slot.
   if (mbReleased.load(kAcquire) && own->consumerUserCount == 0) {
     GMP_LOGVD(this, "[%s] [s:%d][i:%d] pool marked released and no consumer, release slot buffers",
@@ -514,10 +569,12 @@ bool GainMapBufPoolImp::isLending(char const* func) {
   // Neither waits: a producer or consumer early or late is refused at once.
   if (!mbInitialized.load(kAcquire)) {
     GMP_LOGW_AS(func, "[%s] [s:%d] pool has not been initialized", mSensorId);
+    GMP_TRACE_INSTANT(gainmap::trace::refused(func, mSensorId, gainmap::trace::kNotInitialized));
     return false;
   }
   if (mbReleased.load(kAcquire)) {
     GMP_LOGE_AS(func, "[%s] [s:%d] pool has been marked released", mSensorId);
+    GMP_TRACE_INSTANT(gainmap::trace::refused(func, mSensorId, gainmap::trace::kReleased));
     return false;
   }
   return true;
@@ -528,20 +585,26 @@ std::shared_ptr<GainMapBufPoolImp::BufSlotImp> GainMapBufPoolImp::slotToReturn(c
   if (index < 0 || static_cast<uint32_t>(index) >= mSlotCount.load(kAcquire)) {
     GMP_LOGE_AS(func, "[%s] [s:%d] invalid slot index(%d). Number of slots(%d)", mSensorId, index,
                 mSlotCount.load(kAcquire));
+    GMP_TRACE_INSTANT(
+        gainmap::trace::refused(func, mSensorId, gainmap::trace::kInvalidIndex, index));
     return nullptr;
   }
   // Before the creation task has run, mSlots is still being filled.
   if (!mbInitialized.load(kAcquire)) {
     GMP_LOGW_AS(func, "[%s] [s:%d] pool has not been initialized", mSensorId);
+    GMP_TRACE_INSTANT(
+        gainmap::trace::refused(func, mSensorId, gainmap::trace::kNotInitialized, index));
     return nullptr;
   }
   return mSlots[index];
 }
 
 int GainMapBufPoolImp::setPoolReleased() {
+  gainmap::trace::Slice slice("setPoolReleased", mSensorId);
   // Creation, resume and slot allocations queued before must be done before anything is freed.
   waitFor(post([] { GMP_LOGD("[%s] Wait for CTM createPool/resumePool done"); }));
   post([this] {
+    gainmap::trace::Slice slice("release", mSensorId);
     GMP_LOGD("[%s] [setPoolReleased] [s:%d] async +", mSensorId);
     MutexLocker poolLock(mLock);
     if (mbReleased.load(kAcquire)) {
@@ -567,6 +630,7 @@ int GainMapBufPoolImp::setPoolReleased() {
 int GainMapBufPoolImp::setPoolResume() {
   // No barrier: the queue runs this behind any earlier release.
   post([this] {
+    gainmap::trace::Slice slice("resume", mSensorId);
     GMP_LOGD("[%s] [setPoolResume] [s:%d] async +", mSensorId);
     MutexLocker poolLock(mLock);
     if (!mbReleased.load(kAcquire)) {

@@ -4,9 +4,12 @@
 
 #include <chrono>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
+
+#include "camsys/Trace.h"
 
 namespace qelcam {
 namespace host {
@@ -84,6 +87,53 @@ TaskWorkerStats taskWorkerStats();
 void setTaskWorkerLinger(std::chrono::milliseconds linger);
 // Returns once no more than `count` workers are alive.
 void waitTaskWorkersAtMost(uint64_t count);
+
+// Tracing. The trace service of camsys/Trace.h records while a trace file is being written or a
+// listener is alive; QELCAM_TRACE=path in the environment traces the whole process into `path`.
+struct TraceEvent {
+  struct Arg {
+    std::string name;
+    bool isText;
+    int64_t number;
+    std::string text;
+  };
+  // 'B'/'E' slice, 'b'/'e' async span, 'C' counter, 'i' instant, 's'/'f' flow
+  char phase = 0;
+  std::string category;
+  std::string name;  // empty for a slice's end
+  uint64_t id = 0;   // async spans and flows
+  int tid = 0;
+  double tsUs = 0;
+  std::vector<Arg> args;
+
+  Arg const* find(std::string const& argName) const;
+};
+
+// Starts a Chrome JSON trace (the object form, timestamps in microseconds, process and thread
+// names as metadata events) in `path`. False when a trace is already being written or the file
+// cannot be created.
+bool startTrace(std::string const& path);
+// Closes what is still open, completes the file and stops recording into it.
+void stopTrace();
+
+// While alive, every event of the kinds asked for (NSCam::Utils::Trace::Kind) is handed to the
+// callback on the thread that made it, under the trace service's lock: the callback must not
+// trace. Trace points of the other kinds stay off unless a trace file is being written.
+class TraceListener {
+ public:
+  explicit TraceListener(std::function<void(TraceEvent const&)> onEvent,
+                         uint32_t kinds = NSCam::Utils::Trace::kAllKinds);
+  ~TraceListener();
+  TraceListener(TraceListener const&) = delete;
+  TraceListener& operator=(TraceListener const&) = delete;
+
+  void onEvent(TraceEvent const& event);
+  uint32_t kinds() const { return mKinds; }
+
+ private:
+  std::function<void(TraceEvent const&)> mOnEvent;
+  uint32_t const mKinds;
+};
 
 }  // namespace host
 }  // namespace qelcam

@@ -1,12 +1,17 @@
 #include <sys/wait.h>
+#include <unistd.h>
 
 #include <cstdio>
+#include <fstream>
 #include <map>
+#include <set>
 #include <sstream>
 #include <string>
 #include <vector>
 
 #include <gtest/gtest.h>
+
+#include "ChromeTraceCheck.h"
 
 namespace {
 
@@ -16,10 +21,11 @@ struct Run {
   std::string output;
 };
 
-// Runs the simulator with `args` and collects its stdout, and its stderr too when asked.
-Run runSimulator(std::string const& args, bool withStderr) {
-  std::string command =
-      std::string(GAINMAP_SIM_PATH) + " " + args + (withStderr ? " 2>&1" : " 2>/dev/null");
+// Runs the simulator with `args` (after `environment`, if any) and collects its stdout, and its
+// stderr too when asked.
+Run runSimulator(std::string const& args, bool withStderr, std::string const& environment = "") {
+  std::string command = environment + " " + std::string(GAINMAP_SIM_PATH) + " " + args +
+                        (withStderr ? " 2>&1" : " 2>/dev/null");
   Run run;
   FILE* pipe = popen(command.c_str(), "r");
   if (pipe == nullptr) {
@@ -36,75 +42,214 @@ Run runSimulator(std::string const& args, bool withStderr) {
   return run;
 }
 
-// The table: each row's label and its cells, one per sensor and then the total.
+// The table: each row's label and its cells, one per sensor.
 using Table = std::map<std::string, std::vector<std::string>>;
 
-Table parseTable(std::string const& output, std::vector<std::string> const& labels) {
+Table parseTable(std::string const& output) {
   Table table;
   std::istringstream lines(output);
   std::string line;
-  while (std::getline(lines, line)) {
-    for (auto const& label : labels) {
-      if (line.compare(0, label.size() + 1, label + " ") == 0) {
-        std::istringstream cells(line.substr(label.size()));
-        std::string cell;
-        while (cells >> cell) {
-          table[label].push_back(cell);
-        }
-      }
+  std::getline(lines, line);  // the run
+  std::getline(lines, line);  // the sensors' header
+  while (std::getline(lines, line) && line.rfind("process:", 0) != 0) {
+    // Labels are separated from the first cell by at least two blanks.
+    auto end = line.find("  ");
+    std::istringstream cells(line.substr(end));
+    std::string cell;
+    auto& row = table[line.substr(0, end)];
+    while (cells >> cell) {
+      row.push_back(cell);
     }
   }
   return table;
 }
 
-std::vector<std::string> const kRows = {
-    "frames produced",       "frames consumed", "producer: slot without buffers", "lost slots",
-    "verification failures", "release cycles",  "image heaps left at exit",
-};
+uint64_t number(Table& table, std::string const& label, size_t sensor) {
+  auto const& row = table[label];
+  return sensor < row.size() ? std::stoull(row[sensor]) : ~uint64_t{0};
+}
 
-TEST(GainMapSim, DefaultSensorsProduceAndConsumeCleanlyAcrossReleases) {
-  auto run = runSimulator("--duration 3 --release-period 1000 --release-time 200 --quiet", false);
+bool has(std::string const& output, std::string const& text) {
+  return output.find(text) != std::string::npos;
+}
+
+std::string tempPath(std::string const& name) {
+  // One file per test process: the plain and sanitizer builds may run side by side.
+  return ::testing::TempDir() + "gainmap_sim_" + std::to_string(getpid()) + "_" + name;
+}
+
+// Short runs see the pools grow from their first slots, and under the sanitizers checking a
+// borrowed frame stretches every hold: starvation is not what these runs check.
+constexpr char kRelaxed[] = " --quiet --max-starved 100";
+
+TEST(GainMapSim, DefaultSensorsCarryTheirFramesCleanlyAcrossReleases) {
+  auto run = runSimulator(
+      std::string("--duration 3 --release-period 1000 --release-time 200") + kRelaxed, false);
 
   ASSERT_TRUE(run.exited) << run.output;
   EXPECT_EQ(run.status, 0) << run.output;
-  EXPECT_NE(run.output.find("result: clean"), std::string::npos) << run.output;
-  auto table = parseTable(run.output, kRows);
-  for (auto const& label : kRows) {
-    ASSERT_EQ(table[label].size(), 4u) << label << "\n" << run.output;
-  }
+  EXPECT_TRUE(has(run.output, "\nresult: clean\n")) << run.output;
+  EXPECT_FALSE(has(run.output, "total")) << run.output;
+  auto table = parseTable(run.output);
   for (size_t sensor = 0; sensor < 3; ++sensor) {
-    EXPECT_GT(std::stoull(table["frames produced"][sensor]), 0u) << run.output;
-    EXPECT_GT(std::stoull(table["frames consumed"][sensor]), 0u) << run.output;
-    EXPECT_GT(std::stoull(table["release cycles"][sensor]), 0u) << run.output;
+    EXPECT_GT(number(table, "frames produced", sensor), 0u) << run.output;
+    EXPECT_GT(number(table, "frames consumed", sensor), 0u) << run.output;
+    EXPECT_GT(number(table, "release cycles", sensor), 0u) << run.output;
+    EXPECT_EQ(number(table, "frames due at the frame rate", sensor),
+              number(table, "frames produced", sensor) + number(table, "frames dropped", sensor))
+        << run.output;
+    // The producer meets every release: refused as released, never without a reason.
+    EXPECT_GT(number(table, "producer refused: released", sensor), 0u) << run.output;
+    EXPECT_EQ(number(table, "producer refused: unexplained", sensor), 0u) << run.output;
+    EXPECT_EQ(number(table, "consumer refused: unexplained", sensor), 0u) << run.output;
+    EXPECT_EQ(number(table, "corrupted frames", sensor), 0u) << run.output;
+    EXPECT_EQ(number(table, "lost slots", sensor), 0u) << run.output;
   }
-  EXPECT_EQ(table["verification failures"][3], "0") << run.output;
-  EXPECT_EQ(table["lost slots"][3], "0") << run.output;
-  EXPECT_EQ(table["image heaps left at exit"][3], "0") << run.output;
+  EXPECT_TRUE(has(run.output, "image heaps left at exit 0, bytes left 0")) << run.output;
 }
 
-TEST(GainMapSim, ASensorOfTwoModesLendsSlotsWhoseBuffersItsConsumersCannotBorrow) {
+TEST(GainMapSim, ASensorOfTwoModesIsReportedUnableToCarryDataAndTheRunIsNotClean) {
+  auto run = runSimulator(std::string("--duration 2 --consumers 2") + kRelaxed +
+                              " --sensor id=5,modes=0:4000x3000,batch=3,slots=2,lagging=1"
+                              " --sensor id=-1,modes=0:4000x3000/1:4000x2250,batch=2,slots=2",
+                          false);
+
+  ASSERT_TRUE(run.exited) << run.output;
+  EXPECT_EQ(run.status, 1) << run.output;
+  auto table = parseTable(run.output);
+  ASSERT_EQ(table["frames produced"].size(), 2u) << run.output;
+  EXPECT_GT(number(table, "frames consumed", 0), 0u) << run.output;
+  // The pool of two modes keeps its buffers by size: `buffers` stays empty, so the producer
+  // hands every slot back with nothing valid and every consumer is refused by design.
+  EXPECT_GT(number(table, "frames produced", 1), 0u) << run.output;
+  EXPECT_EQ(number(table, "producer: slots lent without buffers", 1),
+            number(table, "frames produced", 1))
+      << run.output;
+  EXPECT_EQ(number(table, "frames consumed", 1), 0u) << run.output;
+  EXPECT_GT(number(table, "consumer refused: no buffers by design", 1), 0u) << run.output;
+  EXPECT_TRUE(has(run.output,
+                  "FAILED: sensor -1 cannot carry data through `buffers`: its pool "
+                  "has 2 sensor modes"))
+      << run.output;
+  EXPECT_FALSE(has(run.output, "FAILED: sensor 5")) << run.output;
+  EXPECT_TRUE(has(run.output, "\nresult: FAILED\n")) << run.output;
+}
+
+TEST(GainMapSim, AProducerStarvedByLongHoldsAtHighRateIsDiagnosedAndFails) {
   auto run = runSimulator(
-      "--duration 2 --consumers 2 --quiet"
-      " --sensor id=5,modes=0:4000x3000,batch=3,slots=2,lagging=1"
-      " --sensor id=-1,modes=0:4000x3000/1:4000x2250,batch=2,slots=2",
+      "--duration 2 --fps 240 --consumers 3 --hold 40-120 --release-period 0 --quiet"
+      " --sensor id=0,modes=0:4000x3000,slots=2",
+      false);
+
+  ASSERT_TRUE(run.exited) << run.output;
+  EXPECT_EQ(run.status, 1) << run.output;
+  auto table = parseTable(run.output);
+  EXPECT_GT(number(table, "producer refused: rotation at its maximum", 0), 0u) << run.output;
+  EXPECT_EQ(number(table, "slots at most", 0), 4u) << run.output;
+  EXPECT_GT(number(table, "frames dropped", 0), number(table, "frames produced", 0)) << run.output;
+  EXPECT_TRUE(has(run.output, "starvation: sensor 0: the producer was refused for busy slots on "))
+      << run.output;
+  EXPECT_TRUE(has(run.output, "fps such holds need about ")) << run.output;
+  EXPECT_TRUE(has(run.output, "the pool may have 4")) << run.output;
+  EXPECT_TRUE(has(run.output, "FAILED: sensor 0 is starved")) << run.output;
+}
+
+TEST(GainMapSim, TheTraceOfARunIsAValidChromeTraceOfSlotsCountersRefusalsAndFrames) {
+  std::string const tracePath = tempPath("trace.json");
+  std::string const jsonPath = tempPath("figures.json");
+  std::remove(tracePath.c_str());
+  auto run = runSimulator(
+      "--duration 2 --release-period 700 --release-time 100 --consumers 2"
+      " --sensor id=0,modes=0:4000x3000 --trace " +
+          tracePath + " --json " + jsonPath + kRelaxed,
       false);
 
   ASSERT_TRUE(run.exited) << run.output;
   EXPECT_EQ(run.status, 0) << run.output;
-  EXPECT_NE(run.output.find("sensor 5"), std::string::npos) << run.output;
-  EXPECT_NE(run.output.find("sensor -1"), std::string::npos) << run.output;
-  auto table = parseTable(run.output, kRows);
-  ASSERT_EQ(table["frames produced"].size(), 3u) << run.output;
-  EXPECT_GT(std::stoull(table["frames produced"][0]), 0u) << run.output;
-  EXPECT_GT(std::stoull(table["frames consumed"][0]), 0u) << run.output;
-  // The pool of two modes keeps its buffers by size: `buffers` stays empty, so the producer
-  // hands every slot back with nothing valid and no consumer is ever lent one.
-  EXPECT_GT(std::stoull(table["frames produced"][1]), 0u) << run.output;
-  EXPECT_EQ(table["producer: slot without buffers"][1], table["frames produced"][1]) << run.output;
-  EXPECT_EQ(table["frames consumed"][1], "0") << run.output;
-  EXPECT_EQ(table["verification failures"][2], "0") << run.output;
-  EXPECT_EQ(table["lost slots"][2], "0") << run.output;
-  EXPECT_EQ(table["image heaps left at exit"][2], "0") << run.output;
+  auto check = qelcam::host::checkChromeTrace(tracePath);
+  std::string problems;
+  for (auto const& problem : check.problems) {
+    problems += problem + "\n";
+  }
+  ASSERT_TRUE(problems.empty()) << problems;
+  std::set<std::string> seen;
+  for (auto const& event : check.trace["traceEvents"]) {
+    std::string const phase = event["ph"];
+    std::string const name = event.value("name", "");
+    seen.insert(phase + " " + (phase == "M" ? event["args"]["name"].get<std::string>() : name));
+  }
+  for (std::string const expected :
+       {"M gainmap-sim", "M prod s:0", "M cons s:0 #0", "M GMP_0", "b s:0 slot 0 producer",
+        "b s:0 slot 0 consumer", "C s:0 rotation", "C s:0 busy", "C s:0 image",
+        "i refused: released", "s frame", "f frame", "B frame s:0", "B consume s:0",
+        "B getProducerBuffer s:0", "B setConsumerBuffer s:0", "B release s:0", "B resume s:0",
+        "B destroy s:0"}) {
+    EXPECT_EQ(seen.count(expected), 1u) << expected;
+  }
+  std::ifstream figures(jsonPath);
+  auto const json = nlohmann::json::parse(figures, nullptr, false);
+  ASSERT_FALSE(json.is_discarded());
+  auto table = parseTable(run.output);
+  EXPECT_EQ(json["sensors"][0]["frames"]["produced"], number(table, "frames produced", 0));
+  EXPECT_EQ(json["sensors"][0]["producerRefused"]["released"],
+            number(table, "producer refused: released", 0));
+  EXPECT_EQ(json["result"], "clean");
+}
+
+TEST(GainMapSim, TheEnvironmentTracesAWholeRun) {
+  std::string const tracePath = tempPath("environment.json");
+  std::remove(tracePath.c_str());
+  auto run = runSimulator(
+      "--duration 1 --release-period 0 --sensor id=2,modes=0:4000x3000" + std::string(kRelaxed),
+      false, "QELCAM_TRACE=" + tracePath);
+
+  ASSERT_TRUE(run.exited) << run.output;
+  EXPECT_EQ(run.status, 0) << run.output;
+  auto check = qelcam::host::checkChromeTrace(tracePath);
+  EXPECT_TRUE(check.problems.empty()) << check.problems.front();
+  size_t spans = 0;
+  for (auto const& event : check.trace["traceEvents"]) {
+    spans += event["ph"] == "b" ? 1 : 0;
+  }
+  EXPECT_GT(spans, 0u);
+}
+
+TEST(GainMapSim, APoolReplacedWhileFramesAreInFlightGoesWithItsLastHolder) {
+  auto run =
+      runSimulator(std::string("--duration 3 --release-period 0 --reconfigure") + kRelaxed, false);
+
+  ASSERT_TRUE(run.exited) << run.output;
+  EXPECT_EQ(run.status, 0) << run.output;
+  EXPECT_TRUE(has(run.output, "note: reconfiguration: pools replaced while frames were in flight"))
+      << run.output;
+  EXPECT_TRUE(has(run.output, "the replaced pools went with their last holder")) << run.output;
+  auto table = parseTable(run.output);
+  for (size_t sensor = 0; sensor < 3; ++sensor) {
+    EXPECT_EQ(number(table, "lost slots", sensor), 0u) << run.output;
+    EXPECT_EQ(number(table, "getPool: empty", sensor), 0u) << run.output;
+  }
+  EXPECT_TRUE(has(run.output, "image heaps left at exit 0, bytes left 0")) << run.output;
+}
+
+TEST(GainMapSim, AClientTearingDownWhileConsumersHoldSlotsLosesNothing) {
+  auto run = runSimulator(
+      std::string("--duration 3 --release-period 1000 --release-time 100 --teardown --hold "
+                  "100-150") +
+          kRelaxed,
+      false);
+
+  ASSERT_TRUE(run.exited) << run.output;
+  EXPECT_EQ(run.status, 0) << run.output;
+  EXPECT_TRUE(has(run.output, "note: client teardown: destroyAllPools ran while consumers held "))
+      << run.output;
+  EXPECT_TRUE(has(run.output, "they handed every slot back to the removed pools")) << run.output;
+  auto table = parseTable(run.output);
+  for (size_t sensor = 0; sensor < 3; ++sensor) {
+    EXPECT_GT(number(table, "getPool: empty after teardown", sensor), 0u) << run.output;
+    EXPECT_EQ(number(table, "getPool: empty", sensor), 0u) << run.output;
+    EXPECT_EQ(number(table, "consumer set: -22", sensor), 0u) << run.output;
+  }
+  EXPECT_TRUE(has(run.output, "image heaps left at exit 0, bytes left 0")) << run.output;
 }
 
 TEST(GainMapSim, BadOptionsAreRefusedWithAClearMessageAndStatusTwo) {
@@ -137,6 +282,12 @@ TEST(GainMapSim, BadOptionsAreRefusedWithAClearMessageAndStatusTwo) {
       {"--sensor id=0,modes=0:4000x3000,lagging=2", "lagging: 2 is out of range [0, 1]"},
       {"--sensor id=0,modes=0:4000x3000 --sensor id=0,modes=0:3264x2448",
        "sensor id 0 is given twice"},
+      {"--max-starved 101", "--max-starved: 101 is out of range [0, 100]"},
+      {"--trace", "option '--trace' needs a value"},
+      {"--json=", "--json: needs a file name"},
+      {"--teardown=1", "option '--teardown' takes no value"},
+      {"--trace /nonexistent/dir/t.json", "cannot write the trace to /nonexistent/dir/t.json"},
+      {"--json /nonexistent/dir/f.json", "cannot write the figures to /nonexistent/dir/f.json"},
   };
   for (auto const& [args, message] : cases) {
     auto run = runSimulator(args, true);

@@ -58,5 +58,20 @@ TEST(SimOptions, HelpAsksForTheUsageText) {
   EXPECT_EQ(parseOptions({"-h"}).kind, ParseResult::Kind::Help);
 }
 
+TEST(SimOptions, TraceFiguresScenariosAndTheStarvationLimitAreOptional) {
+  EXPECT_TRUE(parseOptions({}).options.tracePath.empty());
+  EXPECT_EQ(parseOptions({}).options.maxStarvedPercent, 5);
+
+  auto parsed = parseOptions({"--trace", "run.json", "--json=figures.json", "--reconfigure",
+                              "--teardown", "--max-starved", "20"});
+
+  ASSERT_EQ(parsed.kind, ParseResult::Kind::Run) << parsed.error;
+  EXPECT_EQ(parsed.options.tracePath, "run.json");
+  EXPECT_EQ(parsed.options.jsonPath, "figures.json");
+  EXPECT_TRUE(parsed.options.reconfigure);
+  EXPECT_TRUE(parsed.options.teardown);
+  EXPECT_EQ(parsed.options.maxStarvedPercent, 20);
+}
+
 }  // namespace
 }  // namespace gainmapsim

@@ -1,0 +1,215 @@
+#include "Report.h"
+
+#include <gtest/gtest.h>
+
+#include <sstream>
+#include <string>
+
+namespace gainmapsim {
+namespace {
+
+// A sensor of one mode that carried frames to its consumers without a fault.
+SensorReport healthySensor(int32_t id) {
+  SensorReport sensor;
+  sensor.id = id;
+  sensor[Counter::FramesDue] = 100;
+  sensor[Counter::Produced] = 98;
+  sensor[Counter::Consumed] = 250;
+  sensor.producerRefusals[static_cast<size_t>(Refusal::Released)] = 2;
+  sensor.slotsUsed = 4;
+  sensor.maxSlots = 6;
+  sensor.holds = {40000000, 80000000, 120000000};
+  return sensor;
+}
+
+Options runOptions() {
+  Options options;
+  options.fps = 30;
+  options.consumers = 3;
+  return options;
+}
+
+std::string printed(Report const& report, Options const& options) {
+  std::ostringstream out;
+  printReport(report, options, out);
+  return out.str();
+}
+
+// The cells of a table row, as printed after its label.
+std::string cellsOf(std::string const& text, std::string const& label) {
+  std::istringstream lines(text);
+  std::string line;
+  while (std::getline(lines, line)) {
+    if (line.rfind(label + " ", 0) == 0) {
+      std::istringstream cells(line.substr(label.size()));
+      std::string cell;
+      std::string all;
+      while (cells >> cell) {
+        all += (all.empty() ? "" : " ") + cell;
+      }
+      return all;
+    }
+  }
+  return "";
+}
+
+TEST(SimReport, ACleanRunSaysSoAndShowsOneColumnPerSensorWithoutTotals) {
+  Report report;
+  report.sensors = {healthySensor(0), healthySensor(4)};
+
+  std::string const text = printed(report, runOptions());
+
+  EXPECT_TRUE(isClean(verdicts(report, runOptions())));
+  EXPECT_NE(text.find("result: clean\n"), std::string::npos) << text;
+  EXPECT_EQ(text.find("total"), std::string::npos) << text;
+  EXPECT_NE(text.find("frames dropped %"), std::string::npos) << text;
+  EXPECT_NE(text.find("producer refused: released"), std::string::npos) << text;
+  EXPECT_NE(text.find("consumer hold ms p50/p99/max"), std::string::npos) << text;
+  EXPECT_EQ(text.find("starvation:"), std::string::npos) << text;
+}
+
+TEST(SimReport, FreshMemoryUnderAnOldKeyIsNamedApartFromCorruption) {
+  Report report;
+  report.sensors = {healthySensor(0)};
+  report.sensors[0][Counter::FreshUnderOldKey] = 3;
+
+  auto found = verdicts(report, runOptions());
+  std::string const text = printed(report, runOptions());
+
+  EXPECT_TRUE(isClean(found));
+  EXPECT_NE(text.find("note: sensor 0: 3 frames were lent after a resume on fresh, zeroed memory "
+                      "under the key of a frame made before the release"),
+            std::string::npos)
+      << text;
+  EXPECT_EQ(text.find("another frame"), std::string::npos) << text;
+
+  report.sensors[0][Counter::Corrupted] = 1;
+  EXPECT_FALSE(isClean(verdicts(report, runOptions())));
+  EXPECT_NE(printed(report, runOptions())
+                .find("FAILED: sensor 0: 1 frames held bytes of another frame, or a buffer had "
+                      "no address"),
+            std::string::npos);
+}
+
+TEST(SimReport, ASensorOfSeveralModesIsReportedUnableToCarryData) {
+  Report report;
+  report.sensors = {healthySensor(0), healthySensor(1)};
+  SensorReport& twoModes = report.sensors[1];
+  twoModes.modes = 2;
+  twoModes[Counter::ProducerEmptySlot] = 98;
+  twoModes[Counter::Consumed] = 0;
+  twoModes.consumerRefusals[static_cast<size_t>(Refusal::NoBuffersByDesign)] = 97;
+
+  std::string const text = printed(report, runOptions());
+
+  EXPECT_FALSE(isClean(verdicts(report, runOptions())));
+  EXPECT_NE(text.find("FAILED: sensor 1 cannot carry data through `buffers`: its pool has 2 "
+                      "sensor modes"),
+            std::string::npos)
+      << text;
+  EXPECT_NE(text.find("(98 frames produced with nothing valid, 97 consumer refusals: no buffers "
+                      "by design)"),
+            std::string::npos)
+      << text;
+  EXPECT_NE(text.find("result: FAILED"), std::string::npos) << text;
+}
+
+TEST(SimReport, ASensorThatCarriedNothingOrLeftMemoryFailsTheRun) {
+  Report silent;
+  silent.sensors = {healthySensor(0)};
+  silent.sensors[0][Counter::Produced] = 0;
+  EXPECT_NE(printed(silent, runOptions()).find("FAILED: sensor 0 carried no frame"),
+            std::string::npos);
+
+  Report unread;
+  unread.sensors = {healthySensor(0)};
+  unread.sensors[0][Counter::Consumed] = 0;
+  EXPECT_NE(
+      printed(unread, runOptions()).find("FAILED: sensor 0: no consumer could borrow a frame"),
+      std::string::npos);
+
+  Report leaking;
+  leaking.sensors = {healthySensor(0)};
+  leaking.heapsLeft = 2;
+  leaking.bytesLeft = 4096;
+  EXPECT_NE(
+      printed(leaking, runOptions()).find("FAILED: 2 image heaps (4096 bytes) outlived the pools"),
+      std::string::npos);
+
+  Report losing;
+  losing.sensors = {healthySensor(0)};
+  losing.sensors[0][Counter::ConsumerSetFailed] = 1;
+  EXPECT_NE(
+      printed(losing, runOptions()).find("FAILED: sensor 0: 1 slots could not be handed back"),
+      std::string::npos);
+}
+
+TEST(SimReport, AStarvedProducerGetsADiagnosisWithTheSlotsItsHoldsNeed) {
+  Report report;
+  report.sensors = {healthySensor(0)};
+  SensorReport& sensor = report.sensors[0];
+  sensor[Counter::FramesDue] = 480;
+  sensor[Counter::Produced] = 100;
+  sensor.producerRefusals[static_cast<size_t>(Refusal::HeldByConsumers)] = 30;
+  sensor.producerRefusals[static_cast<size_t>(Refusal::RotationAtMax)] = 300;
+  Options options = runOptions();
+  options.fps = 240;
+
+  std::string const text = printed(report, options);
+
+  EXPECT_NE(text.find("starvation: sensor 0: the producer was refused for busy slots on 330 of "
+                      "480 frames (68.8 %)"),
+            std::string::npos)
+      << text;
+  EXPECT_NE(text.find("rotation at its maximum 300"), std::string::npos) << text;
+  EXPECT_NE(text.find("rotation: 4 slots in use, at most 6"), std::string::npos) << text;
+  EXPECT_NE(text.find("longest consumer holds: 120.0 ms"), std::string::npos) << text;
+  // 120 ms at 240 fps is 28.8 frames: 29 slots, and one more for the producer.
+  EXPECT_NE(text.find("at 240 fps such holds need about 30 slots (hold x fps + 1); the pool may "
+                      "have 6"),
+            std::string::npos)
+      << text;
+  EXPECT_NE(text.find("FAILED: sensor 0 is starved: its producer was refused for busy slots on "
+                      "68.8 % (limit 5 %)"),
+            std::string::npos)
+      << text;
+  EXPECT_EQ(cellsOf(text, "frames dropped %"), "79.2") << text;
+}
+
+TEST(SimReport, TheJsonCarriesEveryFigureOfTheTable) {
+  Report report;
+  report.sensors = {healthySensor(0), healthySensor(7)};
+  report.sensors[1].latencies[static_cast<size_t>(Call::GetProducer)] = {1000, 2000, 3000};
+  report.peakImageBytes = 4 << 20;
+
+  auto const json = reportJson(report, runOptions());
+  std::string const text = printed(report, runOptions());
+
+  ASSERT_EQ(json["sensors"].size(), 2u);
+  auto const& second = json["sensors"][1];
+  EXPECT_EQ(second["id"], 7);
+  EXPECT_EQ(second["frames"]["dropped"], 2);
+  EXPECT_EQ(second["producerRefused"]["released"], 2);
+  EXPECT_EQ(second["latencyUs"]["getProducerBuffer"]["p50"], 2.0);
+  EXPECT_EQ(second["latencyUs"]["getProducerBuffer"]["p99"], 3.0);
+  EXPECT_EQ(second["holdMs"]["consumer"]["max"], 120.0);
+  EXPECT_EQ(json["process"]["peakImageKiB"], 4096);
+  EXPECT_EQ(json["result"], "clean");
+  // One table row per figure: every row of the table is in the JSON.
+  size_t figures = 0;
+  for (auto const& [group, values] : second.items()) {
+    figures += values.is_object() ? values.size() : 0;
+  }
+  size_t rows = 0;
+  std::istringstream lines(text);
+  std::string line;
+  std::getline(lines, line);  // the run
+  std::getline(lines, line);  // the sensors' header
+  while (std::getline(lines, line) && line.rfind("process:", 0) != 0) {
+    ++rows;
+  }
+  EXPECT_EQ(rows, figures) << text;
+}
+
+}  // namespace
+}  // namespace gainmapsim
