@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Installs what is missing, configures, builds and runs every test.
-#   scripts/test.sh                      g++, no sanitizer, in build/; then installs the package
-#                                        into a temporary prefix and builds and runs its consumer
+#   scripts/test.sh                      g++, no sanitizer, in build/ (benchmarks built too); then
+#                                        installs the package into a temporary prefix and builds
+#                                        and runs its consumer
 #   scripts/test.sh asan                 g++ with AddressSanitizer + UBSan, in build-asan/
 #   scripts/test.sh tsan                 clang with ThreadSanitizer and -Wthread-safety, in build-tsan/
 #   scripts/test.sh arm64                aarch64-linux-gnu-g++, in build-arm64/, every test run under
@@ -29,9 +30,12 @@ case "$flavour" in
   *) echo "usage: scripts/test.sh [plain|asan|tsan|arm64|fuzz [SECONDS]]" >&2; exit 2 ;;
 esac
 gainmap_install_deps "${packages[@]}"
+# The benchmarks are built, not run, in the plain flavour, so that they keep compiling.
+benchmarks=OFF
+[ "$flavour" = plain ] && benchmarks=ON
 
 configure=(cmake -S . -B "$dir" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo
-           -DGAINMAP_SANITIZE="$sanitize")
+           -DGAINMAP_SANITIZE="$sanitize" -DGAINMAP_BUILD_BENCHMARKS="$benchmarks")
 [ "$flavour" = fuzz ] && configure+=(-DGAINMAP_BUILD_FUZZERS=ON)
 if [ -n "$toolchain" ]; then
   "${configure[@]}" -DCMAKE_TOOLCHAIN_FILE="$toolchain" >/dev/null

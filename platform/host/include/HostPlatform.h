@@ -2,6 +2,7 @@
 
 // Controls of the host platform, for tests and tools. Nothing in the library uses them.
 
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -70,12 +71,25 @@ void failHeapCreates(int count);
 // lockBuf fails for the buffer at this index of every batch cut; -1 = never.
 void failLockBufAt(int bufferIndex);
 
-// Queue threads start no new task until releaseQueues().
+// Workers start no new task of any queue until releaseQueues().
 void holdQueues();
 void releaseQueues();
 // Returns once every live queue has run every task posted so far. Not to be called while the
 // queues are held.
 void waitQueuesIdle();
+
+// The shared workers that run every queue's tasks.
+struct TaskWorkerStats {
+  uint64_t workersStarted;  // since process start
+  uint64_t workersAlive;    // starting ones included
+  uint64_t workersKept;     // never end, even when idle
+  uint64_t queuesAlive;     // queues with an owner or tasks left
+};
+TaskWorkerStats taskWorkerStats();
+// How long a worker beyond the kept ones waits idle before it ends; 5 s at start.
+void setTaskWorkerLinger(std::chrono::milliseconds linger);
+// Returns once no more than `count` workers are alive.
+void waitTaskWorkersAtMost(uint64_t count);
 
 // Tracing. The trace service of camsys/Trace.h records while a trace file is being written or a
 // listener is alive; QELCAM_TRACE=path in the environment traces the whole process into `path`.

@@ -10,7 +10,7 @@
 namespace NSCam {
 namespace CTM {
 
-// A serial work queue: its tasks run one at a time, in posting order, on the queue's own thread.
+// A serial work queue: its tasks run one at a time, in posting order, on the platform's workers.
 class TaskQueue;
 
 // What a post returns. The poster hands it the task's future right after posting and takes it back
@@ -32,9 +32,10 @@ class CentralTaskMgr {
 
   static std::shared_ptr<TaskQueue> createQueue(QueueParam const& param);
 
-  // Takes ownership of `task` and runs it later on `queue`'s thread. `priority` orders the task
-  // among other queues' work; tasks of one queue always run in posting order. A task posted to an
-  // empty queue pointer is dropped (never run), which makes a waiter on its future return at once.
+  // Takes ownership of `task` and runs it later, after `queue`'s earlier tasks. `priority` orders
+  // the task among other queues' work; tasks of one queue always run in posting order. A task
+  // posted to an empty queue pointer is dropped (never run), which makes a waiter on its future
+  // return at once.
   static std::shared_ptr<TaskHandle> _asyncPost(std::shared_ptr<TaskQueue>& queue,
                                                 unsigned int priority,
                                                 std::unique_ptr<std::function<void()>>& task);

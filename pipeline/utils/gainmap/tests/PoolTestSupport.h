@@ -103,15 +103,20 @@ inline pid_t currentThreadId() {
   return static_cast<pid_t>(::syscall(SYS_gettid));
 }
 
-// The futex word a thread sleeps on in the kernel, or 0 when it is not in a futex wait.
+// The futex word a thread sleeps on in the kernel, or 0 when it is not in a system call whose
+// first argument is an address. The call's number is not checked: under user-mode emulation the
+// kernel reports the host's numbering, and two threads in one call on one address are what the
+// callers look for.
 inline uintptr_t futexWaitedOn(pid_t tid) {
+  constexpr uintptr_t kFirstPage = 4096;
   std::ifstream in("/proc/self/task/" + std::to_string(tid) + "/syscall");
   long number = -1;
   std::string address;
-  if (!(in >> number >> address) || number != SYS_futex) {
+  if (!(in >> number >> address) || number < 0) {
     return 0;
   }
-  return static_cast<uintptr_t>(std::stoull(address, nullptr, 16));
+  auto const word = static_cast<uintptr_t>(std::stoull(address, nullptr, 16));
+  return word < kFirstPage ? 0 : word;
 }
 
 // Returns once `first` and then `second` sleep on one and the same futex, that is, on a lock that
