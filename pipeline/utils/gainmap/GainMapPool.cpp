@@ -363,6 +363,8 @@ int GainMapBufPoolImp::releaseSlotBuffersLocked(std::shared_ptr<BufSlotImp> cons
     }
     slot->buffersBySize.clear();
   }
+  // Nothing is left for a last user to free.
+  slot->freeOnReturn = false;
   GMP_TRACE(gainmap::trace::slotBytes(mSensorId, slot.get(), 0));
   GMP_LOGVD(this, "[%s] [s:%d][i:%d] released size (%zu)", mSensorId, slot->index,
             slot->buffers.size());
@@ -499,7 +501,6 @@ int GainMapBufPoolImp::onSetProducerBuffer(long const& key, int const& validSize
     GMP_LOGVD(this, "[%s] [s:%d][i:%d] pool marked released, release slot buffers", mSensorId,
               own->index);
     releaseSlotBuffersLocked(own);
-    own->freeOnReturn = false;
   }
   GMP_LOGVD(this, "[%s] [s:%d][i:%d] slot:%p, size:%zu, valid size:%d", mSensorId, own->index,
             static_cast<void*>(own.get()), own->buffers.size(), own->validSize);
@@ -602,7 +603,6 @@ int GainMapBufPoolImp::onSetConsumerBuffer(std::shared_ptr<BufSlot> const& slot)
     GMP_LOGVD(this, "[%s] [s:%d][i:%d] pool marked released and no consumer, release slot buffers",
               mSensorId, own->index);
     releaseSlotBuffersLocked(own);
-    own->freeOnReturn = false;
   }
   GMP_LOGVD(this, "[%s] [s:%d][i:%d] slot:%p, size:%zu, c:%zu", mSensorId, slot->index,
             static_cast<void*>(slot.get()), slot->buffers.size(), own->consumerUserCount);
