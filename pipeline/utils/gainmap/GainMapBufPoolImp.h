@@ -14,6 +14,11 @@
 #include "camsys/TaskMgr.h"
 #include "camsys/Types.h"
 
+// For routines of the pool's source: compiled into their callers there, or kept out of the way as
+// cold code.
+#define GMP_HOT_INLINE __attribute__((always_inline)) inline
+#define GMP_COLD __attribute__((cold, noinline))
+
 // The gain-map buffer pool of one sensor. Lock order: the manager's lock, then mLock, then one
 // slot's lock (slot 0's lock may follow another slot's on the producer path). No pool routine
 // calls the manager, and none waits on its own queue from inside one of its tasks.
@@ -70,11 +75,21 @@ class GainMapBufPoolImp : public NSCam::v3::Utils::IGainMapBufPool {
   int releaseSlotBuffersLocked(std::shared_ptr<BufSlotImp> const& slot) GMP_REQUIRES(slot->lock);
 
  private:
-  std::shared_ptr<BufSlot> onGetProducerBuffer() GMP_EXCLUDES(mLock);
-  int onSetProducerBuffer(long const& key, int const& validSize,
-                          std::shared_ptr<BufSlot> const& slot);
-  std::shared_ptr<BufSlot> onGetConsumerBuffer(long const& key, int index);
-  int onSetConsumerBuffer(std::shared_ptr<BufSlot> const& slot);
+  // Whether this call's verbose debug lines or timeline events would go anywhere; read once per
+  // lending call.
+  GMP_HOT_INLINE bool isObserved() const;
+  // The lending routines, each compiled twice: with kObserved false, as nearly every call runs,
+  // they carry no verbose debug line and no timeline event. Each compiles into its wrapper: the
+  // calls come several times a frame, and their refusals and messages live in cold code.
+  template <bool kObserved>
+  GMP_HOT_INLINE std::shared_ptr<BufSlot> onGetProducerBuffer() GMP_EXCLUDES(mLock);
+  template <bool kObserved>
+  GMP_HOT_INLINE int onSetProducerBuffer(long const& key, int const& validSize,
+                                         std::shared_ptr<BufSlot> const& slot);
+  template <bool kObserved>
+  GMP_HOT_INLINE std::shared_ptr<BufSlot> onGetConsumerBuffer(long const& key, int index);
+  template <bool kObserved>
+  GMP_HOT_INLINE int onSetConsumerBuffer(std::shared_ptr<BufSlot> const& slot);
 
   // The steps run on the pool's queue, one at a time in posting order; each takes the locks it
   // needs.
@@ -93,10 +108,12 @@ class GainMapBufPoolImp : public NSCam::v3::Utils::IGainMapBufPool {
   // Whether a user returning `slot` is its last user in a released pool and so frees it.
   bool lastUserFrees(BufSlotImp const& slot) GMP_REQUIRES(slot.lock);
   // Whether the pool lends slots now; logs why not as `func`.
-  bool isLending(char const* func);
+  GMP_HOT_INLINE bool isLending(char const* func);
+  GMP_COLD void refuseLending(char const* func, bool initialized);
   // Whether a returning user's slot `index` names a slot of the rotation (logged as `func` when
   // it does not, or when the slots do not exist yet).
-  bool isReturnable(char const* func, int index);
+  GMP_HOT_INLINE bool isReturnable(char const* func, int index);
+  GMP_COLD void refuseReturn(char const* func, int index, uint32_t slotCount, bool inRotation);
   // Posts `step` to the pool's queue; the handle carries the step's future.
   std::shared_ptr<NSCam::CTM::TaskHandle> post(std::function<void()> step);
   static void waitFor(std::shared_ptr<NSCam::CTM::TaskHandle> const& handle);

@@ -96,8 +96,10 @@ void writeDebugPrint(Class c, int line, char const* func, char const* format, A.
   }
 }
 
+// Cold: a message is the exception on the lending paths, so its code stays out of their way.
 template <class... A>
-void emit(Class c, int line, char const* func, char const* plain, char const* suffixed, A... args) {
+__attribute__((cold, noinline)) void emit(Class c, int line, char const* func, char const* plain,
+                                          char const* suffixed, A... args) {
   if (debugPrintTaken(c)) {
     writeDebugPrint(c, line, func, c == Class::Error ? suffixed : plain, args...);
   }
@@ -107,7 +109,7 @@ void emit(Class c, int line, char const* func, char const* plain, char const* su
 }
 
 template <class... A>
-void fatalToLogger(char const* plain, A... args) {
+__attribute__((cold, noinline)) void fatalToLogger(char const* plain, A... args) {
   if (loggerTaken()) {
     writeLogger(1, plain, args...);
     if (auto* logger = NSCam::Utils::ULog::ULogger::sULogger) {

@@ -371,9 +371,30 @@ int GainMapBufPoolImp::releaseSlotBuffersLocked(std::shared_ptr<BufSlotImp> cons
   return 0;
 }
 
+// In a lending routine: its verbose debug lines and timeline events, compiled only into the copy
+// that runs while the pool is observed. Refusals are logged and traced in both copies.
+#define GMP_OBSERVED_LOGVD(fmt, ...)       \
+  do {                                     \
+    if constexpr (kObserved) {             \
+      GMP_LOGVD(this, fmt, ##__VA_ARGS__); \
+    }                                      \
+  } while (0)
+#define GMP_OBSERVED_TRACE(statement) \
+  do {                                \
+    if constexpr (kObserved) {        \
+      GMP_TRACE(statement);           \
+    }                                 \
+  } while (0)
+
+bool GainMapBufPoolImp::isObserved() const {
+  return mLogLevel != 0 || NSCam::Utils::Trace::enabled(NSCam::Utils::Trace::kTimeline);
+}
+
 std::shared_ptr<GainMapBufPoolImp::BufSlot> GainMapBufPoolImp::getProducerBuffer() {
-  gainmap::trace::Slice slice("getProducerBuffer", mSensorId);
-  std::shared_ptr<BufSlot> slot = onGetProducerBuffer();
+  bool const observed = isObserved();
+  gainmap::trace::Slice slice("getProducerBuffer", mSensorId, observed);
+  std::shared_ptr<BufSlot> slot =
+      observed ? onGetProducerBuffer<true>() : onGetProducerBuffer<false>();
   slice.slot(slot.get());
   if (!slot && mbInitialized.load(kAcquire)) {
     dump();
@@ -381,6 +402,7 @@ std::shared_ptr<GainMapBufPoolImp::BufSlot> GainMapBufPoolImp::getProducerBuffer
   return slot;
 }
 
+template <bool kObserved>
 std::shared_ptr<GainMapBufPoolImp::BufSlot> GainMapBufPoolImp::onGetProducerBuffer() {
   if (!isLending(__func__)) {
     return nullptr;
@@ -429,9 +451,9 @@ std::shared_ptr<GainMapBufPoolImp::BufSlot> GainMapBufPoolImp::onGetProducerBuff
       }
       return nullptr;
     }
-    GMP_LOGVD(this, "[%s] [s:%d] current index: %zu", mSensorId, mCurrentIndex);
+    GMP_OBSERVED_LOGVD("[%s] [s:%d] current index: %zu", mSensorId, mCurrentIndex);
     slot->producerUser = true;
-    GMP_TRACE(gainmap::trace::producerTakes(mSensorId, slot.get()));
+    GMP_OBSERVED_TRACE(gainmap::trace::producerTakes(mSensorId, slot.get()));
     if (mPreAllocIndex != -1 && static_cast<size_t>(mPreAllocIndex) == mCurrentIndex) {
       // Taking the newest slot: slot 0 comes next, so grow again if consumers still hold it.
       std::shared_ptr<BufSlotImp>& first = mSlots[0];
@@ -450,28 +472,31 @@ std::shared_ptr<GainMapBufPoolImp::BufSlot> GainMapBufPoolImp::onGetProducerBuff
     taken = &slot;
   }
   std::shared_ptr<BufSlotImp> const& slot = *taken;
-  GMP_LOGVD(this, "[%s] [s:%d][i:%d] slot:%p, size:%zu", mSensorId, slot->index,
-            static_cast<void*>(slot.get()), slot->buffers.size());
+  GMP_OBSERVED_LOGVD("[%s] [s:%d][i:%d] slot:%p, size:%zu", mSensorId, slot->index,
+                     static_cast<void*>(slot.get()), slot->buffers.size());
   return slot;
 }
 
 int GainMapBufPoolImp::setProducerBuffer(long const& key, int const& validSize,
                                          std::shared_ptr<BufSlot> slot) {
-  gainmap::trace::Slice slice("setProducerBuffer", mSensorId);
+  bool const observed = isObserved();
+  gainmap::trace::Slice slice("setProducerBuffer", mSensorId, observed);
   slice.slot(slot.get());
   slice.key(key);
   // `slot` is the caller's copy, held for the call.
-  int status = onSetProducerBuffer(key, validSize, slot);
+  int status = observed ? onSetProducerBuffer<true>(key, validSize, slot)
+                        : onSetProducerBuffer<false>(key, validSize, slot);
   if (status != 0) {
     dump();
   }
   return status;
 }
 
+template <bool kObserved>
 int GainMapBufPoolImp::onSetProducerBuffer(long const& key, int const& validSize,
                                            std::shared_ptr<BufSlot> const& slot) {
-  GMP_LOGVD(this, "[%s] [s:%d] key: %ld, validSize: %d, slot index: %d", mSensorId, key, validSize,
-            indexOf(slot));
+  GMP_OBSERVED_LOGVD("[%s] [s:%d] key: %ld, validSize: %d, slot index: %d", mSensorId, key,
+                     validSize, indexOf(slot));
   int const index = indexOf(slot);
   if (!isReturnable(__func__, index)) {
     return kBadValue;
@@ -496,32 +521,35 @@ int GainMapBufPoolImp::onSetProducerBuffer(long const& key, int const& validSize
   own->validSize = validSize;
   own->producerUser = false;
   own->key = key;
-  GMP_TRACE(gainmap::trace::producerReturns(mSensorId, own.get(), key));
+  GMP_OBSERVED_TRACE(gainmap::trace::producerReturns(mSensorId, own.get(), key));
   if (lastUserFrees(*own)) {
-    GMP_LOGVD(this, "[%s] [s:%d][i:%d] pool marked released, release slot buffers", mSensorId,
-              own->index);
+    GMP_OBSERVED_LOGVD("[%s] [s:%d][i:%d] pool marked released, release slot buffers", mSensorId,
+                       own->index);
     releaseSlotBuffersLocked(own);
   }
-  GMP_LOGVD(this, "[%s] [s:%d][i:%d] slot:%p, size:%zu, valid size:%d", mSensorId, own->index,
-            static_cast<void*>(own.get()), own->buffers.size(), own->validSize);
+  GMP_OBSERVED_LOGVD("[%s] [s:%d][i:%d] slot:%p, size:%zu, valid size:%d", mSensorId, own->index,
+                     static_cast<void*>(own.get()), own->buffers.size(), own->validSize);
   return 0;
 }
 
 std::shared_ptr<GainMapBufPoolImp::BufSlot> GainMapBufPoolImp::getConsumerBuffer(long const& key,
                                                                                  int index) {
-  gainmap::trace::Slice slice("getConsumerBuffer", mSensorId);
+  bool const observed = isObserved();
+  gainmap::trace::Slice slice("getConsumerBuffer", mSensorId, observed);
   slice.slot(index);
   slice.key(key);
-  std::shared_ptr<BufSlot> slot = onGetConsumerBuffer(key, index);
+  std::shared_ptr<BufSlot> slot =
+      observed ? onGetConsumerBuffer<true>(key, index) : onGetConsumerBuffer<false>(key, index);
   if (!slot && mbInitialized.load(kAcquire)) {
     dump();
   }
   return slot;
 }
 
+template <bool kObserved>
 std::shared_ptr<GainMapBufPoolImp::BufSlot> GainMapBufPoolImp::onGetConsumerBuffer(long const& key,
                                                                                    int index) {
-  GMP_LOGVD(this, "[%s] index: %d, key: %ld", index, key);
+  GMP_OBSERVED_LOGVD("[%s] index: %d, key: %ld", index, key);
   if (!isLending(__func__)) {
     return nullptr;
   }
@@ -557,26 +585,29 @@ std::shared_ptr<GainMapBufPoolImp::BufSlot> GainMapBufPoolImp::onGetConsumerBuff
     return nullptr;
   }
   ++slot->consumerUserCount;
-  GMP_TRACE(gainmap::trace::consumerTakes(mSensorId, slot.get(), key, slot->consumerUserCount));
-  GMP_LOGVD(this, "[%s] [s:%d][i:%d] slot:%p, size:%zu, validSize:%d, c:%zu", mSensorId,
-            slot->index, static_cast<void*>(slot.get()), slot->buffers.size(), slot->validSize,
-            slot->consumerUserCount);
+  GMP_OBSERVED_TRACE(
+      gainmap::trace::consumerTakes(mSensorId, slot.get(), key, slot->consumerUserCount));
+  GMP_OBSERVED_LOGVD("[%s] [s:%d][i:%d] slot:%p, size:%zu, validSize:%d, c:%zu", mSensorId,
+                     slot->index, static_cast<void*>(slot.get()), slot->buffers.size(),
+                     slot->validSize, slot->consumerUserCount);
   return slot;
 }
 
 int GainMapBufPoolImp::setConsumerBuffer(std::shared_ptr<BufSlot> slot) {
-  gainmap::trace::Slice slice("setConsumerBuffer", mSensorId);
+  bool const observed = isObserved();
+  gainmap::trace::Slice slice("setConsumerBuffer", mSensorId, observed);
   slice.slot(slot.get());
-  int status = onSetConsumerBuffer(slot);
+  int status = observed ? onSetConsumerBuffer<true>(slot) : onSetConsumerBuffer<false>(slot);
   if (status != 0) {
     dump();
   }
   return status;
 }
 
+template <bool kObserved>
 int GainMapBufPoolImp::onSetConsumerBuffer(std::shared_ptr<BufSlot> const& slot) {
-  GMP_LOGVD(this, "[%s] [s:%d] consumer slot index(%d), slot count(%d)", mSensorId, indexOf(slot),
-            mSlotCount.load(kAcquire));
+  GMP_OBSERVED_LOGVD("[%s] [s:%d] consumer slot index(%d), slot count(%d)", mSensorId,
+                     indexOf(slot), mSlotCount.load(kAcquire));
   int const index = indexOf(slot);
   if (!isReturnable(__func__, index)) {
     return kBadValue;
@@ -598,14 +629,15 @@ int GainMapBufPoolImp::onSetConsumerBuffer(std::shared_ptr<BufSlot> const& slot)
     return kBadValue;
   }
   --own->consumerUserCount;
-  GMP_TRACE(gainmap::trace::consumerReturns(mSensorId, own.get(), own->consumerUserCount));
+  GMP_OBSERVED_TRACE(gainmap::trace::consumerReturns(mSensorId, own.get(), own->consumerUserCount));
   if (lastUserFrees(*own)) {
-    GMP_LOGVD(this, "[%s] [s:%d][i:%d] pool marked released and no consumer, release slot buffers",
-              mSensorId, own->index);
+    GMP_OBSERVED_LOGVD(
+        "[%s] [s:%d][i:%d] pool marked released and no consumer, release slot buffers", mSensorId,
+        own->index);
     releaseSlotBuffersLocked(own);
   }
-  GMP_LOGVD(this, "[%s] [s:%d][i:%d] slot:%p, size:%zu, c:%zu", mSensorId, slot->index,
-            static_cast<void*>(slot.get()), slot->buffers.size(), own->consumerUserCount);
+  GMP_OBSERVED_LOGVD("[%s] [s:%d][i:%d] slot:%p, size:%zu, c:%zu", mSensorId, slot->index,
+                     static_cast<void*>(slot.get()), slot->buffers.size(), own->consumerUserCount);
   return 0;
 }
 
@@ -619,35 +651,47 @@ bool GainMapBufPoolImp::lastUserFrees(BufSlotImp const& slot) {
 
 bool GainMapBufPoolImp::isLending(char const* func) {
   // Neither waits: a producer or consumer early or late is refused at once.
-  if (!mbInitialized.load(kAcquire)) {
+  bool const initialized = mbInitialized.load(kAcquire);
+  if (__builtin_expect(initialized && !mbReleased.load(kAcquire), 1)) {
+    return true;
+  }
+  refuseLending(func, initialized);
+  return false;
+}
+
+void GainMapBufPoolImp::refuseLending(char const* func, bool initialized) {
+  if (!initialized) {
     GMP_LOGW_AS(func, "[%s] [s:%d] pool has not been initialized", mSensorId);
     GMP_TRACE_INSTANT(gainmap::trace::refused(func, mSensorId, gainmap::trace::kNotInitialized));
-    return false;
-  }
-  if (mbReleased.load(kAcquire)) {
+  } else {
     GMP_LOGE_AS(func, "[%s] [s:%d] pool has been marked released", mSensorId);
     GMP_TRACE_INSTANT(gainmap::trace::refused(func, mSensorId, gainmap::trace::kReleased));
-    return false;
   }
-  return true;
 }
 
 bool GainMapBufPoolImp::isReturnable(char const* func, int index) {
-  if (index < 0 || static_cast<uint32_t>(index) >= mSlotCount.load(kAcquire)) {
+  uint32_t const slotCount = mSlotCount.load(kAcquire);
+  bool const inRotation = index >= 0 && static_cast<uint32_t>(index) < slotCount;
+  // Before the creation task has run, mSlots is still being filled.
+  if (__builtin_expect(inRotation && mbInitialized.load(kAcquire), 1)) {
+    return true;
+  }
+  refuseReturn(func, index, slotCount, inRotation);
+  return false;
+}
+
+void GainMapBufPoolImp::refuseReturn(char const* func, int index, uint32_t slotCount,
+                                     bool inRotation) {
+  if (!inRotation) {
     GMP_LOGE_AS(func, "[%s] [s:%d] invalid slot index(%d). Number of slots(%d)", mSensorId, index,
-                mSlotCount.load(kAcquire));
+                slotCount);
     GMP_TRACE_INSTANT(
         gainmap::trace::refused(func, mSensorId, gainmap::trace::kInvalidIndex, index));
-    return false;
-  }
-  // Before the creation task has run, mSlots is still being filled.
-  if (!mbInitialized.load(kAcquire)) {
+  } else {
     GMP_LOGW_AS(func, "[%s] [s:%d] pool has not been initialized", mSensorId);
     GMP_TRACE_INSTANT(
         gainmap::trace::refused(func, mSensorId, gainmap::trace::kNotInitialized, index));
-    return false;
   }
-  return true;
 }
 
 int GainMapBufPoolImp::setPoolReleased() {

@@ -2,7 +2,7 @@
 
 // The pool's trace points. Each runs only while someone records its kind (GMP_TRACE,
 // GMP_TRACE_INSTANT), so a pool that nobody traces pays one relaxed load per point and no log line
-// changes.
+// changes. The events themselves are cold code, kept out of the lending paths.
 
 #include <cstdint>
 
@@ -50,8 +50,9 @@ constexpr char kNotHeldByConsumer[] = "not held by a consumer";
 // slot index and the key once they are known.
 class Slice {
  public:
-  Slice(char const* call, int32_t sensorId)
-      : mActive(NSCam::Utils::Trace::enabled(NSCam::Utils::Trace::kTimeline)) {
+  // A slice that `observed` false leaves out costs no load of the trace switch.
+  Slice(char const* call, int32_t sensorId, bool observed = true)
+      : mActive(observed && NSCam::Utils::Trace::enabled(NSCam::Utils::Trace::kTimeline)) {
     if (__builtin_expect(mActive, 0)) {
       begin(call, sensorId);
     }
@@ -92,19 +93,23 @@ class Slice {
 };
 
 // A refusal of `call`, with its reason and the slot index when there is one.
-void refused(char const* call, int32_t sensorId, char const* reason, int index = -1);
+__attribute__((cold)) void refused(char const* call, int32_t sensorId, char const* reason,
+                                   int index = -1);
 
 // Occupancy of a slot: one track per slot for its producer and one for its consumers, who nest.
-void producerTakes(int32_t sensorId, Slot const* slot);
-void producerReturns(int32_t sensorId, Slot const* slot, long key);
-void consumerTakes(int32_t sensorId, Slot const* slot, long key, size_t consumers);
-void consumerReturns(int32_t sensorId, Slot const* slot, size_t consumersLeft);
+__attribute__((cold)) void producerTakes(int32_t sensorId, Slot const* slot);
+__attribute__((cold)) void producerReturns(int32_t sensorId, Slot const* slot, long key);
+__attribute__((cold)) void consumerTakes(int32_t sensorId, Slot const* slot, long key,
+                                         size_t consumers);
+__attribute__((cold)) void consumerReturns(int32_t sensorId, Slot const* slot,
+                                           size_t consumersLeft);
 // The pool goes while the slot is still held: its spans end here.
-void holdsDropped(int32_t sensorId, Slot const* slot, bool producer, size_t consumers);
+__attribute__((cold)) void holdsDropped(int32_t sensorId, Slot const* slot, bool producer,
+                                        size_t consumers);
 
 // The pool's counters: slots in the rotation, and the image bytes a slot holds.
-void rotation(int32_t sensorId, uint32_t slots);
-void slotBytes(int32_t sensorId, Slot const* slot, uint64_t bytes);
+__attribute__((cold)) void rotation(int32_t sensorId, uint32_t slots);
+__attribute__((cold)) void slotBytes(int32_t sensorId, Slot const* slot, uint64_t bytes);
 
 }  // namespace trace
 }  // namespace gainmap
