@@ -358,6 +358,8 @@ bool startTrace(std::string const& path) {
   std::fputs("{\"displayTimeUnit\":\"ms\",\"traceEvents\":[", t.file);
   t.firstEvent = true;
   t.namedThreads.clear();
+  // Each trace sums only the parts set while it runs, so that its file stands on its own.
+  t.counterParts.clear();
   writeMetadata(t, "process_name", threadId(), program_invocation_short_name);
   publishEnabled(t);
   return true;
