@@ -387,7 +387,8 @@ int GainMapBufPoolImp::releaseSlotBuffersLocked(std::shared_ptr<BufSlotImp> cons
   } while (0)
 
 bool GainMapBufPoolImp::isObserved() const {
-  return mLogLevel != 0 || NSCam::Utils::Trace::enabled(NSCam::Utils::Trace::kTimeline);
+  return __builtin_expect(
+      mLogLevel != 0 || NSCam::Utils::Trace::enabled(NSCam::Utils::Trace::kTimeline), 0);
 }
 
 std::shared_ptr<GainMapBufPoolImp::BufSlot> GainMapBufPoolImp::getProducerBuffer() {
