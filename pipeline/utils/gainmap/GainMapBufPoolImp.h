@@ -76,11 +76,28 @@ class GainMapBufPoolImp : public NSCam::v3::Utils::IGainMapBufPool {
 
  private:
   // Whether this call's verbose debug lines or timeline events would go anywhere; read once per
-  // lending call.
+  // lending call, which then runs one of two copies of its work. With kObserved false, as nearly
+  // every call runs, the copy has no trace slice, no verbose debug line and no timeline event.
   GMP_HOT_INLINE bool isObserved() const;
-  // The lending routines, each compiled twice: with kObserved false, as nearly every call runs,
-  // they carry no verbose debug line and no timeline event. Each compiles into its wrapper: the
-  // calls come several times a frame, and their refusals and messages live in cold code.
+  // Runs `body`, an observed copy, as a function of its own: the quiet copy compiled into the
+  // caller keeps its registers and cache lines to itself.
+  template <class Body>
+  GMP_COLD static auto outOfLine(Body body) {
+    return body();
+  }
+  // The lending calls' bodies: a trace slice around the routine, and a dump when it refuses.
+  template <bool kObserved>
+  GMP_HOT_INLINE std::shared_ptr<BufSlot> lendToProducer() GMP_EXCLUDES(mLock);
+  template <bool kObserved>
+  GMP_HOT_INLINE int takeFromProducer(long const& key, int const& validSize,
+                                      std::shared_ptr<BufSlot> const& slot) GMP_EXCLUDES(mLock);
+  template <bool kObserved>
+  GMP_HOT_INLINE std::shared_ptr<BufSlot> lendToConsumer(long const& key, int index)
+      GMP_EXCLUDES(mLock);
+  template <bool kObserved>
+  GMP_HOT_INLINE int takeFromConsumer(std::shared_ptr<BufSlot> const& slot) GMP_EXCLUDES(mLock);
+  // The lending routines, compiled into the bodies above: the calls come several times a frame,
+  // and their refusals and messages live in cold code.
   template <bool kObserved>
   GMP_HOT_INLINE std::shared_ptr<BufSlot> onGetProducerBuffer() GMP_EXCLUDES(mLock);
   template <bool kObserved>

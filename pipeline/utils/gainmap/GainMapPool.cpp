@@ -392,10 +392,16 @@ bool GainMapBufPoolImp::isObserved() const {
 }
 
 std::shared_ptr<GainMapBufPoolImp::BufSlot> GainMapBufPoolImp::getProducerBuffer() {
-  bool const observed = isObserved();
-  gainmap::trace::Slice slice("getProducerBuffer", mSensorId, observed);
-  std::shared_ptr<BufSlot> slot =
-      observed ? onGetProducerBuffer<true>() : onGetProducerBuffer<false>();
+  if (isObserved()) {
+    return outOfLine([this] { return lendToProducer<true>(); });
+  }
+  return lendToProducer<false>();
+}
+
+template <bool kObserved>
+std::shared_ptr<GainMapBufPoolImp::BufSlot> GainMapBufPoolImp::lendToProducer() {
+  gainmap::trace::Slice slice("getProducerBuffer", mSensorId, kObserved);
+  std::shared_ptr<BufSlot> slot = onGetProducerBuffer<kObserved>();
   slice.slot(slot.get());
   if (!slot && mbInitialized.load(kAcquire)) {
     dump();
@@ -480,13 +486,20 @@ std::shared_ptr<GainMapBufPoolImp::BufSlot> GainMapBufPoolImp::onGetProducerBuff
 
 int GainMapBufPoolImp::setProducerBuffer(long const& key, int const& validSize,
                                          std::shared_ptr<BufSlot> slot) {
-  bool const observed = isObserved();
-  gainmap::trace::Slice slice("setProducerBuffer", mSensorId, observed);
+  // `slot` is the caller's copy, held for the call.
+  if (isObserved()) {
+    return outOfLine([&] { return takeFromProducer<true>(key, validSize, slot); });
+  }
+  return takeFromProducer<false>(key, validSize, slot);
+}
+
+template <bool kObserved>
+int GainMapBufPoolImp::takeFromProducer(long const& key, int const& validSize,
+                                        std::shared_ptr<BufSlot> const& slot) {
+  gainmap::trace::Slice slice("setProducerBuffer", mSensorId, kObserved);
   slice.slot(slot.get());
   slice.key(key);
-  // `slot` is the caller's copy, held for the call.
-  int status = observed ? onSetProducerBuffer<true>(key, validSize, slot)
-                        : onSetProducerBuffer<false>(key, validSize, slot);
+  int status = onSetProducerBuffer<kObserved>(key, validSize, slot);
   if (status != 0) {
     dump();
   }
@@ -535,12 +548,19 @@ int GainMapBufPoolImp::onSetProducerBuffer(long const& key, int const& validSize
 
 std::shared_ptr<GainMapBufPoolImp::BufSlot> GainMapBufPoolImp::getConsumerBuffer(long const& key,
                                                                                  int index) {
-  bool const observed = isObserved();
-  gainmap::trace::Slice slice("getConsumerBuffer", mSensorId, observed);
+  if (isObserved()) {
+    return outOfLine([&] { return lendToConsumer<true>(key, index); });
+  }
+  return lendToConsumer<false>(key, index);
+}
+
+template <bool kObserved>
+std::shared_ptr<GainMapBufPoolImp::BufSlot> GainMapBufPoolImp::lendToConsumer(long const& key,
+                                                                              int index) {
+  gainmap::trace::Slice slice("getConsumerBuffer", mSensorId, kObserved);
   slice.slot(index);
   slice.key(key);
-  std::shared_ptr<BufSlot> slot =
-      observed ? onGetConsumerBuffer<true>(key, index) : onGetConsumerBuffer<false>(key, index);
+  std::shared_ptr<BufSlot> slot = onGetConsumerBuffer<kObserved>(key, index);
   if (!slot && mbInitialized.load(kAcquire)) {
     dump();
   }
@@ -595,10 +615,17 @@ std::shared_ptr<GainMapBufPoolImp::BufSlot> GainMapBufPoolImp::onGetConsumerBuff
 }
 
 int GainMapBufPoolImp::setConsumerBuffer(std::shared_ptr<BufSlot> slot) {
-  bool const observed = isObserved();
-  gainmap::trace::Slice slice("setConsumerBuffer", mSensorId, observed);
+  if (isObserved()) {
+    return outOfLine([&] { return takeFromConsumer<true>(slot); });
+  }
+  return takeFromConsumer<false>(slot);
+}
+
+template <bool kObserved>
+int GainMapBufPoolImp::takeFromConsumer(std::shared_ptr<BufSlot> const& slot) {
+  gainmap::trace::Slice slice("setConsumerBuffer", mSensorId, kObserved);
   slice.slot(slot.get());
-  int status = observed ? onSetConsumerBuffer<true>(slot) : onSetConsumerBuffer<false>(slot);
+  int status = onSetConsumerBuffer<kObserved>(slot);
   if (status != 0) {
     dump();
   }

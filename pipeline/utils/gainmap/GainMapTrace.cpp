@@ -35,11 +35,11 @@ void Slice::begin(char const* call, int32_t sensorId) {
   service::beginSlice(std::string(call) + " " + sensorName(sensorId));
 }
 
-void Slice::end() {
-  if (mHasKey) {
-    service::endSlice({{"slot", mIndex}, {"key", mKey}});
+void Slice::end(int index, bool hasKey, int64_t key) {
+  if (hasKey) {
+    service::endSlice({{"slot", index}, {"key", key}});
   } else {
-    service::endSlice({{"slot", mIndex}});
+    service::endSlice({{"slot", index}});
   }
 }
 

@@ -59,7 +59,7 @@ class Slice {
   }
   ~Slice() {
     if (__builtin_expect(mActive, 0)) {
-      end();
+      end(mIndex, mHasKey, mKey);
     }
   }
   Slice(Slice const&) = delete;
@@ -83,8 +83,10 @@ class Slice {
   }
 
  private:
-  __attribute__((cold)) void begin(char const* call, int32_t sensorId);
-  __attribute__((cold)) void end();
+  // Static, so that the slice's address never escapes: a slice that is never active compiles to
+  // nothing.
+  __attribute__((cold)) static void begin(char const* call, int32_t sensorId);
+  __attribute__((cold)) static void end(int index, bool hasKey, int64_t key);
 
   bool const mActive;
   int mIndex = -1;
