@@ -283,8 +283,10 @@ bool GainMapBufPoolImp::isWorkable(PoolParameters const& params) {
 
 uint64_t GainMapBufPoolImp::exactBlockBytes() const {
   ImgParam const& worst = mImgParams.at(mWorstSensorMode);
-  uint64_t const height =
-      (static_cast<uint64_t>(mWorstSensorSize.h) * kGainMapWidth / mWorstSensorSize.w + 1) & ~1ull;
+  // Both sizes are positive here.
+  auto const sensorWidth = static_cast<uint64_t>(mWorstSensorSize.w);
+  auto const sensorHeight = static_cast<uint64_t>(mWorstSensorSize.h);
+  uint64_t const height = (sensorHeight * kGainMapWidth / sensorWidth + 1) & ~1ull;
   uint64_t bytes = 0;
   if (__builtin_mul_overflow(height, static_cast<uint64_t>(worst.strideInBytes), &bytes) ||
       __builtin_mul_overflow(bytes, static_cast<uint64_t>(mBatchSize), &bytes)) {
@@ -515,7 +517,7 @@ int GainMapBufPoolImp::onSetProducerBuffer(long const& key, int const& validSize
   if (!isReturnable(__func__, index)) {
     return kBadValue;
   }
-  std::shared_ptr<BufSlotImp> const& own = mSlots[index];
+  std::shared_ptr<BufSlotImp> const& own = mSlots[static_cast<size_t>(index)];
   MutexLocker slotLock(own->lock);
   // Compared unsigned: a negative count is too many.
   if (static_cast<uint64_t>(static_cast<int64_t>(validSize)) > own->buffers.size()) {
@@ -581,7 +583,7 @@ std::shared_ptr<GainMapBufPoolImp::BufSlot> GainMapBufPoolImp::onGetConsumerBuff
         gainmap::trace::refused(__func__, mSensorId, gainmap::trace::kInvalidIndex, index));
     return nullptr;
   }
-  std::shared_ptr<BufSlotImp> const& slot = mSlots[index];
+  std::shared_ptr<BufSlotImp> const& slot = mSlots[static_cast<size_t>(index)];
   MutexLocker slotLock(slot->lock);
   if (slot->producerUser) {
     GMP_LOGE("[%s] [s:%d][i:%d] slot has producer user", mSensorId, slot->index);
@@ -640,7 +642,7 @@ int GainMapBufPoolImp::onSetConsumerBuffer(std::shared_ptr<BufSlot> const& slot)
   if (!isReturnable(__func__, index)) {
     return kBadValue;
   }
-  std::shared_ptr<BufSlotImp> const& own = mSlots[index];
+  std::shared_ptr<BufSlotImp> const& own = mSlots[static_cast<size_t>(index)];
   MutexLocker slotLock(own->lock);
   if (own->producerUser) {
     GMP_LOGE("[%s] [s:%d][i:%d] slot has producer user (p:%d, c:%zu)", mSensorId, own->index,
@@ -769,7 +771,7 @@ void GainMapBufPoolImp::runPreAlloc(int32_t index) {
   slice.slot(index);
   GMP_LOGD_AS(kStepName, "[%s] [s:%d] async pre alloc slot(i:%d) +", mSensorId, index);
   {
-    std::shared_ptr<BufSlotImp>& slot = mSlots[index];
+    std::shared_ptr<BufSlotImp>& slot = mSlots[static_cast<size_t>(index)];
     MutexLocker slotLock(slot->lock);
     // A release and resume queued ahead of this task may have reached the slot first: a resume
     // gave it its memory (and the producer may hold it), a release leaves its memory to the
