@@ -99,6 +99,8 @@ class ModelDriver {
     SlotKind kind;
   };
 
+  // Whether the step found no problem; otherwise files its divergence, the step and its problems.
+  bool agreed();
   std::string perform(Lines& expected);
   std::string createPool(Lines& expected);
   PoolParameters drawParameters();
