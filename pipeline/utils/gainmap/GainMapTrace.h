@@ -1,8 +1,9 @@
 #pragma once
 
 // The pool's trace points. Each runs only while someone records its kind (GMP_TRACE,
-// GMP_TRACE_INSTANT), so a pool that nobody traces pays one relaxed load per point and no log line
-// changes. The events themselves are cold code, kept out of the lending paths.
+// GMP_TRACE_INSTANT), so a pool that nobody traces pays one relaxed load per point (a lending call
+// pays one for the whole call) and no log line changes. The events themselves are cold code, kept
+// out of the lending paths.
 
 #include <cstdint>
 
