@@ -201,6 +201,14 @@ class Checker {
 
 }  // namespace
 
+std::string TraceCheck::problemText() const {
+  std::string text;
+  for (auto const& problem : problems) {
+    text += problem + "\n";
+  }
+  return text;
+}
+
 TraceCheck checkChromeTrace(std::string const& path) {
   TraceCheck result;
   std::ifstream in(path);

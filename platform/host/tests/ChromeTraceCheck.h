@@ -15,6 +15,9 @@ struct TraceCheck {
   std::vector<std::string> problems;
   // The parsed trace, for further questions about its events.
   nlohmann::json trace;
+
+  // The problems, a line each, for a failing assertion's message.
+  std::string problemText() const;
 };
 
 // Well-formed JSON in the object form with "traceEvents"; every event has the fields its phase

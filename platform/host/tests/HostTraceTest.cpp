@@ -25,14 +25,6 @@ std::string tracePath(std::string const& name) {
   return ::testing::TempDir() + "host_trace_" + name + "_" + std::to_string(getpid()) + ".json";
 }
 
-std::string joined(std::vector<std::string> const& lines) {
-  std::string text;
-  for (auto const& line : lines) {
-    text += line + "\n";
-  }
-  return text;
-}
-
 std::vector<json> eventsOf(json const& trace, std::string const& phase) {
   std::vector<json> found;
   for (auto const& event : trace["traceEvents"]) {
@@ -91,7 +83,7 @@ TEST(HostTrace, WritesAChromeTraceThatViewersOpen) {
   EXPECT_FALSE(trace::enabled());
 
   auto check = qelcam::host::checkChromeTrace(path);
-  ASSERT_TRUE(check.problems.empty()) << joined(check.problems);
+  ASSERT_TRUE(check.problems.empty()) << check.problemText();
   auto const metadata = eventsOf(check.trace, "M");
   bool processNamed = false;
   bool threadNamed = false;
@@ -151,7 +143,7 @@ TEST(HostTrace, TheFileBalancesWhenTracingStartsOrStopsMidway) {
   worker.join();
 
   auto check = qelcam::host::checkChromeTrace(path);
-  ASSERT_TRUE(check.problems.empty()) << joined(check.problems);
+  ASSERT_TRUE(check.problems.empty()) << check.problemText();
   auto const ends = eventsOf(check.trace, "E");
   ASSERT_EQ(ends.size(), 2u);
   for (auto const& end : ends) {
@@ -219,8 +211,8 @@ TEST(ChromeTraceCheck, FindsEveryKindOfFault) {
   for (auto const& [text, problem] : cases) {
     std::ofstream(path) << text;
     auto check = qelcam::host::checkChromeTrace(path);
-    EXPECT_NE(joined(check.problems).find(problem), std::string::npos) << text << "\n"
-                                                                       << joined(check.problems);
+    EXPECT_NE(check.problemText().find(problem), std::string::npos) << text << "\n"
+                                                                    << check.problemText();
   }
 }
 

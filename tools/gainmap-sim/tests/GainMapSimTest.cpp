@@ -167,11 +167,7 @@ TEST(GainMapSim, TheTraceOfARunIsAValidChromeTraceOfSlotsCountersRefusalsAndFram
   ASSERT_TRUE(run.exited) << run.output;
   EXPECT_EQ(run.status, 0) << run.output;
   auto check = qelcam::host::checkChromeTrace(tracePath);
-  std::string problems;
-  for (auto const& problem : check.problems) {
-    problems += problem + "\n";
-  }
-  ASSERT_TRUE(problems.empty()) << problems;
+  ASSERT_TRUE(check.problems.empty()) << check.problemText();
   std::set<std::string> seen;
   for (auto const& event : check.trace["traceEvents"]) {
     std::string const phase = event["ph"];
@@ -206,7 +202,7 @@ TEST(GainMapSim, TheEnvironmentTracesAWholeRun) {
   ASSERT_TRUE(run.exited) << run.output;
   EXPECT_EQ(run.status, 0) << run.output;
   auto check = qelcam::host::checkChromeTrace(tracePath);
-  EXPECT_TRUE(check.problems.empty()) << check.problems.front();
+  EXPECT_TRUE(check.problems.empty()) << check.problemText();
   size_t spans = 0;
   for (auto const& event : check.trace["traceEvents"]) {
     spans += event["ph"] == "b" ? 1 : 0;

@@ -232,11 +232,7 @@ TEST_F(GainMapTraceTest, LendingCallsAndQueuedStepsAreSlicesInAValidTraceFile) {
   qelcam::host::stopTrace();
 
   auto check = qelcam::host::checkChromeTrace(path);
-  std::string problems;
-  for (auto const& problem : check.problems) {
-    problems += problem + "\n";
-  }
-  ASSERT_TRUE(problems.empty()) << problems;
+  ASSERT_TRUE(check.problems.empty()) << check.problemText();
   // The test's own calls on its thread; the steps of the pool's queue, one at a time in posting
   // order, on whichever task worker is free.
   int64_t const self = static_cast<int64_t>(::syscall(SYS_gettid));
@@ -281,11 +277,7 @@ TEST_F(GainMapTraceTest, ATraceStartedAndStoppedWhileSlotsAreLentIsAValidFile) {
   EXPECT_EQ(pool->setConsumerBuffer(during), 0);
 
   auto check = qelcam::host::checkChromeTrace(path);
-  std::string problems;
-  for (auto const& problem : check.problems) {
-    problems += problem + "\n";
-  }
-  EXPECT_TRUE(problems.empty()) << problems;
+  EXPECT_TRUE(check.problems.empty()) << check.problemText();
   std::vector<std::string> spans;
   for (auto const& event : check.trace["traceEvents"]) {
     if (event["ph"] == "b" || event["ph"] == "e") {
