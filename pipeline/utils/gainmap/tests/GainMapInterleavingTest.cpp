@@ -12,9 +12,26 @@ namespace {
 
 // Interleavings of client calls with the pool's queued steps, each driven to the one order that
 // once broke a guarantee: held queues, log lines that stop a thread half-way, and lock waits.
-class GainMapInterleavingTest : public PoolTest {};
+class GainMapInterleavingTest : public PoolTest {
+ protected:
+  // A pool of two slots: frame 100 in slot 0, which `reader` still reads, and frame 101 in slot 1.
+  struct ReadPool {
+    std::shared_ptr<Pool> pool;
+    SlotPtr reader;
+  };
+  ReadPool poolWithSlotZeroRead() {
+    ReadPool read{createdPool(fourByThree(1, 2)), nullptr};
+    EXPECT_EQ(produce(*read.pool, 100), 0);
+    read.reader = read.pool->getConsumerBuffer(100, 0);
+    EXPECT_TRUE(read.reader);
+    EXPECT_EQ(produce(*read.pool, 101), 1);
+    return read;
+  }
+};
 
 constexpr char kReleaseStart[] = "[operator()] [setPoolReleased] [s:3] async +";
+// The release's barrier step: holding the queues here stops the release task behind it.
+constexpr char kReleaseBarrier[] = "[operator()] Wait for CTM createPool/resumePool done";
 
 TEST_F(GainMapInterleavingTest, AProducerOvertakenByAWholeReleaseIsRefused) {
   auto pool = createdPool(fourByThree(1, 2));
@@ -66,15 +83,12 @@ TEST_F(GainMapInterleavingTest, AProducerOvertakenByAWholeReleaseIsRefused) {
 }
 
 TEST_F(GainMapInterleavingTest, ASlotAddedBehindAReleaseAndResumeIsAllocatedOnce) {
-  auto pool = createdPool(fourByThree(1, 2));
-  EXPECT_EQ(produce(*pool, 100), 0);
-  auto reader = pool->getConsumerBuffer(100, 0);
+  auto [pool, reader] = poolWithSlotZeroRead();
   ASSERT_TRUE(reader);
-  EXPECT_EQ(produce(*pool, 101), 1);
 
   ScriptedLogger script;
   // The queue stops right after the release's barrier, so the release task waits on it.
-  script.onLine("[operator()] Wait for CTM createPool/resumePool done", [this] { hold(); });
+  script.onLine(kReleaseBarrier, [this] { hold(); });
   script.parkOn("[operator()] [s:3] async pre alloc slot(i:2) +");
   EXPECT_EQ(pool->setPoolReleased(), 0);
   EXPECT_EQ(pool->setPoolResume(), 0);
@@ -115,14 +129,11 @@ TEST_F(GainMapInterleavingTest, ASlotAddedBehindAReleaseAndResumeIsAllocatedOnce
 }
 
 TEST_F(GainMapInterleavingTest, ASlotAddedBehindAReleaseWaitsForTheResumeForItsMemory) {
-  auto pool = createdPool(fourByThree(1, 2));
-  EXPECT_EQ(produce(*pool, 100), 0);
-  auto reader = pool->getConsumerBuffer(100, 0);
+  auto [pool, reader] = poolWithSlotZeroRead();
   ASSERT_TRUE(reader);
-  EXPECT_EQ(produce(*pool, 101), 1);
 
   ScriptedLogger script;
-  script.onLine("[operator()] Wait for CTM createPool/resumePool done", [this] { hold(); });
+  script.onLine(kReleaseBarrier, [this] { hold(); });
   EXPECT_EQ(pool->setPoolReleased(), 0);
   EXPECT_FALSE(pool->getProducerBuffer());
   release();
