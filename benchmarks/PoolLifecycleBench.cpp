@@ -10,6 +10,28 @@ constexpr int32_t kLifecycleSensor = 2;
 // free it again: a fixed count keeps the untimed part bounded.
 constexpr int kLifecycleIterations = 300;
 
+// Both caller waits over the same pool shapes, timed call by call.
+void callerWaitRuns(benchmark::internal::Benchmark* runs) {
+  runs->ArgNames({"batch", "slots"})
+      ->Args({1, 1})
+      ->Args({8, 10})
+      ->Args({8, 100})
+      ->Iterations(kLifecycleIterations)
+      ->UseManualTime()
+      ->Unit(benchmark::kMicrosecond);
+}
+
+// Times `call` as the iteration's manual time and keeps the sample; returns what it returned.
+template <class Call>
+auto timedWait(benchmark::State& state, Samples& waits, Call call) {
+  auto const start = Clock::now();
+  auto const result = call();
+  auto const waited = Clock::now() - start;
+  state.SetIterationTime(std::chrono::duration<double>(waited).count());
+  waits.add(waited);
+  return result;
+}
+
 // The caller's wait in createPool: the allocation of every slot runs on the pool's queue after it.
 void BM_CreatePoolCallerWait(benchmark::State& state) {
   auto manager = IGainMapBufPoolManager::getInstance();
@@ -17,23 +39,12 @@ void BM_CreatePoolCallerWait(benchmark::State& state) {
                                  static_cast<uint32_t>(state.range(1)));
   Samples waits(state);
   for (auto _ : state) {
-    auto const start = Clock::now();
-    manager->createPool(params, false);
-    auto const waited = Clock::now() - start;
-    state.SetIterationTime(std::chrono::duration<double>(waited).count());
-    waits.add(waited);
+    timedWait(state, waits, [&] { return manager->createPool(params, false); });
     destroyPools();
   }
   waits.report(state, "wait_us", 1e-6);
 }
-BENCHMARK(BM_CreatePoolCallerWait)
-    ->ArgNames({"batch", "slots"})
-    ->Args({1, 1})
-    ->Args({8, 10})
-    ->Args({8, 100})
-    ->Iterations(kLifecycleIterations)
-    ->UseManualTime()
-    ->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_CreatePoolCallerWait)->Apply(callerWaitRuns);
 
 // The caller's wait in resumePool of a released pool: the allocation runs on the pool's queue.
 void BM_ResumePoolCallerWait(benchmark::State& state) {
@@ -45,11 +56,8 @@ void BM_ResumePoolCallerWait(benchmark::State& state) {
   qelcam::host::waitQueuesIdle();
   Samples waits(state);
   for (auto _ : state) {
-    auto const start = Clock::now();
-    int const status = manager->resumePool(kLifecycleSensor);
-    auto const waited = Clock::now() - start;
-    state.SetIterationTime(std::chrono::duration<double>(waited).count());
-    waits.add(waited);
+    int const status =
+        timedWait(state, waits, [&] { return manager->resumePool(kLifecycleSensor); });
     qelcam::host::waitQueuesIdle();
     if (status != 0 || manager->releasePool(kLifecycleSensor) != 0) {
       state.SkipWithError("the manager refused the pool");
@@ -60,14 +68,7 @@ void BM_ResumePoolCallerWait(benchmark::State& state) {
   waits.report(state, "wait_us", 1e-6);
   destroyPools();
 }
-BENCHMARK(BM_ResumePoolCallerWait)
-    ->ArgNames({"batch", "slots"})
-    ->Args({1, 1})
-    ->Args({8, 10})
-    ->Args({8, 100})
-    ->Iterations(kLifecycleIterations)
-    ->UseManualTime()
-    ->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_ResumePoolCallerWait)->Apply(callerWaitRuns);
 
 }  // namespace
 }  // namespace gainmap_bench
