@@ -1,8 +1,11 @@
 #include <benchmark/benchmark.h>
 
+#include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <vector>
 
 #include "BenchSupport.h"
@@ -150,6 +153,70 @@ void BM_FrameCyclePlainModel(benchmark::State& state) {
   }
 }
 BENCHMARK(BM_FrameCyclePlainModel);
+
+// Nanoseconds per frame cycle over `cycles` cycles on `pool`; none when a call was refused.
+template <class Pool>
+std::optional<double> timeFrameCycles(Pool& pool, long& key, int cycles) {
+  bool lent = true;
+  auto const start = Clock::now();
+  for (int i = 0; i < cycles; ++i) {
+    lent &= frameCycle(pool, key++);
+  }
+  auto const elapsed = Clock::now() - start;
+  if (!lent) {
+    return std::nullopt;
+  }
+  return std::chrono::duration<double, std::nano>(elapsed).count() / cycles;
+}
+
+double medianOf(std::vector<double> values) {
+  auto middle = values.begin() + static_cast<std::ptrdiff_t>(values.size() / 2);
+  std::nth_element(values.begin(), middle, values.end());
+  return *middle;
+}
+
+// Both frame cycles in one loop: each iteration times a burst through the interface and a burst
+// through the plain model, in alternating order. On a shared host the neighbours' load moves
+// either figure by more than the gap between them from one second to the next; paired bursts meet
+// the same machine. Counters: the median of the bursts' ratios, and each side's median time per
+// frame cycle in nanoseconds.
+void BM_FrameCycleBesidePlainModel(benchmark::State& state) {
+  constexpr int kBurst = 200;
+  auto pool = createReadyPool(kLendingSensor);
+  PlainModelPool plain(3, 1);
+  long key = 1;
+  std::vector<double> ratios;
+  std::vector<double> poolTimes;
+  std::vector<double> plainTimes;
+  bool poolFirst = true;
+  for (auto _ : state) {
+    std::optional<double> poolNs;
+    std::optional<double> plainNs;
+    if (poolFirst) {
+      poolNs = timeFrameCycles(*pool, key, kBurst);
+      plainNs = timeFrameCycles(plain, key, kBurst);
+    } else {
+      plainNs = timeFrameCycles(plain, key, kBurst);
+      poolNs = timeFrameCycles(*pool, key, kBurst);
+    }
+    if (!poolNs || !plainNs) {
+      state.SkipWithError("a lending call was refused");
+      break;
+    }
+    poolFirst = !poolFirst;
+    ratios.push_back(*poolNs / *plainNs);
+    poolTimes.push_back(*poolNs);
+    plainTimes.push_back(*plainNs);
+  }
+  pool.reset();
+  destroyPools();
+  if (!ratios.empty()) {
+    state.counters["ratio"] = medianOf(ratios);
+    state.counters["pool_ns"] = medianOf(poolTimes);
+    state.counters["plain_ns"] = medianOf(plainTimes);
+  }
+}
+BENCHMARK(BM_FrameCycleBesidePlainModel);
 
 void BM_ProducerCycle(benchmark::State& state) {
   auto pool = createReadyPool(kLendingSensor);

@@ -389,8 +389,10 @@ int GainMapBufPoolImp::releaseSlotBuffersLocked(std::shared_ptr<BufSlotImp> cons
   } while (0)
 
 bool GainMapBufPoolImp::isObserved() const {
-  return __builtin_expect(
-      mLogLevel != 0 || NSCam::Utils::Trace::enabled(NSCam::Utils::Trace::kTimeline), 0);
+  // Both switches folded into one test: a quiet call takes a single branch here.
+  bool const traced = NSCam::Utils::Trace::enabled(NSCam::Utils::Trace::kTimeline);
+  return __builtin_expect((static_cast<uint32_t>(traced) | static_cast<uint32_t>(mLogLevel)) != 0,
+                          0);
 }
 
 std::shared_ptr<GainMapBufPoolImp::BufSlot> GainMapBufPoolImp::getProducerBuffer() {
@@ -405,7 +407,7 @@ std::shared_ptr<GainMapBufPoolImp::BufSlot> GainMapBufPoolImp::lendToProducer() 
   gainmap::trace::Slice slice("getProducerBuffer", mSensorId, kObserved);
   std::shared_ptr<BufSlot> slot = onGetProducerBuffer<kObserved>();
   slice.slot(slot.get());
-  if (!slot && mbInitialized.load(kAcquire)) {
+  if (GMP_UNLIKELY(!slot && mbInitialized.load(kAcquire))) {
     dump();
   }
   return slot;
@@ -416,7 +418,7 @@ std::shared_ptr<GainMapBufPoolImp::BufSlot> GainMapBufPoolImp::onGetProducerBuff
   if (!isLending(__func__)) {
     return nullptr;
   }
-  if (mSlotCount.load(kAcquire) == 0) {
+  if (GMP_UNLIKELY(mSlotCount.load(kAcquire) == 0)) {
     GMP_LOGE("[%s] [s:%d] pool has no slot to lend", mSensorId);
     GMP_TRACE_INSTANT(gainmap::trace::refused(__func__, mSensorId, gainmap::trace::kNoSlot));
     return nullptr;
@@ -426,26 +428,26 @@ std::shared_ptr<GainMapBufPoolImp::BufSlot> GainMapBufPoolImp::onGetProducerBuff
   {
     MutexLocker poolLock(mLock);
     // A whole release task may have run since the check above; it marks the pool under mLock.
-    if (mbReleased.load(kAcquire)) {
+    if (GMP_UNLIKELY(mbReleased.load(kAcquire))) {
       GMP_LOGE("[%s] [s:%d] pool has been marked released", mSensorId);
       GMP_TRACE_INSTANT(gainmap::trace::refused(__func__, mSensorId, gainmap::trace::kReleased));
       return nullptr;
     }
     std::shared_ptr<BufSlotImp> const& slot = mSlots[mCurrentIndex];
-    if (!slot->ready.load(kAcquire)) {
+    if (GMP_UNLIKELY(!slot->ready.load(kAcquire))) {
       GMP_LOGW("[%s] [s:%d][i:%zu] slot is not ready", mSensorId, mCurrentIndex);
       GMP_TRACE_INSTANT(gainmap::trace::refused(__func__, mSensorId, gainmap::trace::kNotReady,
                                                 static_cast<int>(mCurrentIndex)));
       return nullptr;
     }
     MutexLocker slotLock(slot->lock);
-    if (slot->producerUser) {
+    if (GMP_UNLIKELY(slot->producerUser)) {
       GMP_LOGE("[%s] [s:%d][i:%d] still has producer user", mSensorId, slot->index);
       GMP_TRACE_INSTANT(gainmap::trace::refused(__func__, mSensorId,
                                                 gainmap::trace::kHeldByProducer, slot->index));
       return nullptr;
     }
-    if (slot->consumerUserCount != 0) {
+    if (GMP_UNLIKELY(slot->consumerUserCount != 0)) {
       // A busy slot is never skipped: grow the rotation so a free slot comes up later.
       GMP_LOGW("[%s] [s:%d][i:%d] still has consumer users (c:%zu)", mSensorId, slot->index,
                slot->consumerUserCount);
@@ -463,7 +465,8 @@ std::shared_ptr<GainMapBufPoolImp::BufSlot> GainMapBufPoolImp::onGetProducerBuff
     GMP_OBSERVED_LOGVD("[%s] [s:%d] current index: %zu", mSensorId, mCurrentIndex);
     slot->producerUser = true;
     GMP_OBSERVED_TRACE(gainmap::trace::producerTakes(mSensorId, slot.get()));
-    if (mPreAllocIndex != -1 && static_cast<size_t>(mPreAllocIndex) == mCurrentIndex) {
+    if (GMP_UNLIKELY(mPreAllocIndex != -1 &&
+                     static_cast<size_t>(mPreAllocIndex) == mCurrentIndex)) {
       // Taking the newest slot: slot 0 comes next, so grow again if consumers still hold it.
       std::shared_ptr<BufSlotImp>& first = mSlots[0];
       MutexLocker firstLock(first->lock);
@@ -502,7 +505,7 @@ int GainMapBufPoolImp::takeFromProducer(long const& key, int const& validSize,
   slice.slot(slot.get());
   slice.key(key);
   int status = onSetProducerBuffer<kObserved>(key, validSize, slot);
-  if (status != 0) {
+  if (GMP_UNLIKELY(status != 0)) {
     dump();
   }
   return status;
@@ -520,14 +523,14 @@ int GainMapBufPoolImp::onSetProducerBuffer(long const& key, int const& validSize
   std::shared_ptr<BufSlotImp> const& own = mSlots[static_cast<size_t>(index)];
   MutexLocker slotLock(own->lock);
   // Compared unsigned: a negative count is too many.
-  if (static_cast<uint64_t>(static_cast<int64_t>(validSize)) > own->buffers.size()) {
+  if (GMP_UNLIKELY(static_cast<uint64_t>(static_cast<int64_t>(validSize)) > own->buffers.size())) {
     GMP_LOGE("[%s] [s:%d][i:%d] user validSize(%d) exceeds slot buffer num(%zu)", mSensorId,
              own->index, validSize, own->buffers.size());
     GMP_TRACE_INSTANT(
         gainmap::trace::refused(__func__, mSensorId, gainmap::trace::kTooManyValid, own->index));
     return kBadValue;
   }
-  if (!own->producerUser || own->consumerUserCount != 0) {
+  if (GMP_UNLIKELY(!own->producerUser || own->consumerUserCount != 0)) {
     GMP_LOGE("[%s] [s:%d][i:%d] cannot set producer buffer (p:%d, c:%zu)", mSensorId, own->index,
              own->producerUser, own->consumerUserCount);
     GMP_TRACE_INSTANT(gainmap::trace::refused(__func__, mSensorId,
@@ -538,7 +541,7 @@ int GainMapBufPoolImp::onSetProducerBuffer(long const& key, int const& validSize
   own->producerUser = false;
   own->key = key;
   GMP_OBSERVED_TRACE(gainmap::trace::producerReturns(mSensorId, own.get(), key));
-  if (lastUserFrees(*own)) {
+  if (GMP_UNLIKELY(lastUserFrees(*own))) {
     GMP_OBSERVED_LOGVD("[%s] [s:%d][i:%d] pool marked released, release slot buffers", mSensorId,
                        own->index);
     releaseSlotBuffersLocked(own);
@@ -563,7 +566,7 @@ std::shared_ptr<GainMapBufPoolImp::BufSlot> GainMapBufPoolImp::lendToConsumer(lo
   slice.slot(index);
   slice.key(key);
   std::shared_ptr<BufSlot> slot = onGetConsumerBuffer<kObserved>(key, index);
-  if (!slot && mbInitialized.load(kAcquire)) {
+  if (GMP_UNLIKELY(!slot && mbInitialized.load(kAcquire))) {
     dump();
   }
   return slot;
@@ -576,7 +579,8 @@ std::shared_ptr<GainMapBufPoolImp::BufSlot> GainMapBufPoolImp::onGetConsumerBuff
   if (!isLending(__func__)) {
     return nullptr;
   }
-  if (index < 0 || static_cast<uint32_t>(index) >= mSlotCount.load(kAcquire)) {
+  // A negative index compares as too large.
+  if (GMP_UNLIKELY(static_cast<uint32_t>(index) >= mSlotCount.load(kAcquire))) {
     GMP_LOGE("[%s] [s:%d] request invalid index(%d). Number of slots(%d)", mSensorId, index,
              mSlotCount.load(kAcquire));
     GMP_TRACE_INSTANT(
@@ -585,20 +589,20 @@ std::shared_ptr<GainMapBufPoolImp::BufSlot> GainMapBufPoolImp::onGetConsumerBuff
   }
   std::shared_ptr<BufSlotImp> const& slot = mSlots[static_cast<size_t>(index)];
   MutexLocker slotLock(slot->lock);
-  if (slot->producerUser) {
+  if (GMP_UNLIKELY(slot->producerUser)) {
     GMP_LOGE("[%s] [s:%d][i:%d] slot has producer user", mSensorId, slot->index);
     GMP_TRACE_INSTANT(
         gainmap::trace::refused(__func__, mSensorId, gainmap::trace::kHeldByProducer, slot->index));
     return nullptr;
   }
-  if (slot->key != key) {
+  if (GMP_UNLIKELY(slot->key != key)) {
     GMP_LOGE("[%s] [s:%d][i:%d] timestamp mismatch, slot timestamp: %ldconsumer timestamp: %ld",
              mSensorId, slot->index, slot->key, key);
     GMP_TRACE_INSTANT(
         gainmap::trace::refused(__func__, mSensorId, gainmap::trace::kStaleTimestamp, slot->index));
     return nullptr;
   }
-  if (slot->buffers.empty()) {
+  if (GMP_UNLIKELY(slot->buffers.empty())) {
     GMP_LOGD("[%s] [s:%d][i:%d] slot buffers has been released. mbReleased(%d)", mSensorId,
              slot->index, mbReleased.load(kAcquire));
     GMP_TRACE_INSTANT(gainmap::trace::refused(
@@ -628,7 +632,7 @@ int GainMapBufPoolImp::takeFromConsumer(std::shared_ptr<BufSlot> const& slot) {
   gainmap::trace::Slice slice("setConsumerBuffer", mSensorId, kObserved);
   slice.slot(slot.get());
   int status = onSetConsumerBuffer<kObserved>(slot);
-  if (status != 0) {
+  if (GMP_UNLIKELY(status != 0)) {
     dump();
   }
   return status;
@@ -644,14 +648,14 @@ int GainMapBufPoolImp::onSetConsumerBuffer(std::shared_ptr<BufSlot> const& slot)
   }
   std::shared_ptr<BufSlotImp> const& own = mSlots[static_cast<size_t>(index)];
   MutexLocker slotLock(own->lock);
-  if (own->producerUser) {
+  if (GMP_UNLIKELY(own->producerUser)) {
     GMP_LOGE("[%s] [s:%d][i:%d] slot has producer user (p:%d, c:%zu)", mSensorId, own->index,
              own->producerUser, own->consumerUserCount);
     GMP_TRACE_INSTANT(
         gainmap::trace::refused(__func__, mSensorId, gainmap::trace::kHeldByProducer, own->index));
     return kBadValue;
   }
-  if (own->consumerUserCount == 0) {
+  if (GMP_UNLIKELY(own->consumerUserCount == 0)) {
     GMP_LOGE("[%s] [s:%d][i:%d] slot has no consumer user (p:%d, c:%zu)", mSensorId, own->index,
              own->producerUser, own->consumerUserCount);
     GMP_TRACE_INSTANT(gainmap::trace::refused(__func__, mSensorId,
@@ -660,7 +664,7 @@ int GainMapBufPoolImp::onSetConsumerBuffer(std::shared_ptr<BufSlot> const& slot)
   }
   --own->consumerUserCount;
   GMP_OBSERVED_TRACE(gainmap::trace::consumerReturns(mSensorId, own.get(), own->consumerUserCount));
-  if (lastUserFrees(*own)) {
+  if (GMP_UNLIKELY(lastUserFrees(*own))) {
     GMP_OBSERVED_LOGVD(
         "[%s] [s:%d][i:%d] pool marked released and no consumer, release slot buffers", mSensorId,
         own->index);
@@ -674,9 +678,9 @@ int GainMapBufPoolImp::onSetConsumerBuffer(std::shared_ptr<BufSlot> const& slot)
 bool GainMapBufPoolImp::lastUserFrees(BufSlotImp const& slot) {
   // The mark, not the released flag alone: a resume that has already passed the slot must not
   // see it freed behind it, and a slot returned before the release task reaches it is freed by
-  // that task.
-  return mbReleased.load(kAcquire) && !slot.producerUser && slot.consumerUserCount == 0 &&
-         slot.freeOnReturn;
+  // that task. The mark comes first: it is rarely set, and on the slot's line already.
+  return slot.freeOnReturn && mbReleased.load(kAcquire) && !slot.producerUser &&
+         slot.consumerUserCount == 0;
 }
 
 bool GainMapBufPoolImp::isLending(char const* func) {
@@ -701,7 +705,8 @@ void GainMapBufPoolImp::refuseLending(char const* func, bool initialized) {
 
 bool GainMapBufPoolImp::isReturnable(char const* func, int index) {
   uint32_t const slotCount = mSlotCount.load(kAcquire);
-  bool const inRotation = index >= 0 && static_cast<uint32_t>(index) < slotCount;
+  // A negative index compares as too large.
+  bool const inRotation = static_cast<uint32_t>(index) < slotCount;
   // Before the creation task has run, mSlots is still being filled.
   if (__builtin_expect(inRotation && mbInitialized.load(kAcquire), 1)) {
     return true;
