@@ -391,8 +391,7 @@ int GainMapBufPoolImp::releaseSlotBuffersLocked(std::shared_ptr<BufSlotImp> cons
 bool GainMapBufPoolImp::isObserved() const {
   // Both switches folded into one test: a quiet call takes a single branch here.
   bool const traced = NSCam::Utils::Trace::enabled(NSCam::Utils::Trace::kTimeline);
-  return __builtin_expect((static_cast<uint32_t>(traced) | static_cast<uint32_t>(mLogLevel)) != 0,
-                          0);
+  return GMP_UNLIKELY((static_cast<uint32_t>(traced) | static_cast<uint32_t>(mLogLevel)) != 0);
 }
 
 std::shared_ptr<GainMapBufPoolImp::BufSlot> GainMapBufPoolImp::getProducerBuffer() {
