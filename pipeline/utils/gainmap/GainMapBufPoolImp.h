@@ -18,7 +18,8 @@
 // cold code.
 #define GMP_HOT_INLINE __attribute__((always_inline)) inline
 #define GMP_COLD __attribute__((cold, noinline))
-// For a refusal, a pending growth or a freeing return: the exceptions on a lending path.
+// The exceptions on a lending path: an observed call, a refusal and its dump, pending growth, a
+// freeing return.
 #define GMP_UNLIKELY(condition) __builtin_expect(static_cast<bool>(condition), 0)
 
 // The gain-map buffer pool of one sensor. Lock order: the manager's lock, then mLock, then one
