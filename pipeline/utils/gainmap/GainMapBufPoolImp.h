@@ -14,18 +14,10 @@
 #include "camsys/TaskMgr.h"
 #include "camsys/Types.h"
 
-// For routines of the pool's source: compiled into their callers there, or kept out of the way as
-// cold code.
-#define GMP_HOT_INLINE __attribute__((always_inline)) inline
-#define GMP_COLD __attribute__((cold, noinline))
-// The exceptions on a lending path: an observed call, a refusal and its dump, pending growth, a
-// freeing return.
-#define GMP_UNLIKELY(condition) __builtin_expect(static_cast<bool>(condition), 0)
-
 // The gain-map buffer pool of one sensor. Lock order: the manager's lock, then mLock, then one
 // slot's lock (slot 0's lock may follow another slot's on the producer path). No pool routine
 // calls the manager, and none waits on its own queue from inside one of its tasks.
-class GainMapBufPoolImp : public NSCam::v3::Utils::IGainMapBufPool {
+class GainMapBufPoolImp final : public NSCam::v3::Utils::IGainMapBufPool {
  public:
   using PoolParameters = NSCam::v3::Utils::IGainMapBufPoolManager::PoolParameters;
   using ImgParam = qcam::IImageBufferAllocator::ImgParam;
@@ -78,38 +70,16 @@ class GainMapBufPoolImp : public NSCam::v3::Utils::IGainMapBufPool {
   int releaseSlotBuffersLocked(std::shared_ptr<BufSlotImp> const& slot) GMP_REQUIRES(slot->lock);
 
  private:
-  // Whether this call's verbose debug lines or timeline events would go anywhere; read once per
-  // lending call, which then runs one of two copies of its work. With kObserved false, as nearly
-  // every call runs, the copy has no trace slice, no verbose debug line and no timeline event.
-  GMP_HOT_INLINE bool isObserved() const;
-  // Runs `body`, an observed copy, as a function of its own: the quiet copy compiled into the
-  // caller keeps its registers and cache lines to itself.
-  template <class Body>
-  GMP_COLD static auto outOfLine(Body body) {
-    return body();
-  }
-  // The lending calls' bodies: a trace slice around the routine, and a dump when it refuses.
-  template <bool kObserved>
-  GMP_HOT_INLINE std::shared_ptr<BufSlot> lendToProducer() GMP_EXCLUDES(mLock);
-  template <bool kObserved>
-  GMP_HOT_INLINE int takeFromProducer(long const& key, int const& validSize,
-                                      std::shared_ptr<BufSlot> const& slot) GMP_EXCLUDES(mLock);
-  template <bool kObserved>
-  GMP_HOT_INLINE std::shared_ptr<BufSlot> lendToConsumer(long const& key, int index)
-      GMP_EXCLUDES(mLock);
-  template <bool kObserved>
-  GMP_HOT_INLINE int takeFromConsumer(std::shared_ptr<BufSlot> const& slot) GMP_EXCLUDES(mLock);
-  // The lending routines, compiled into the bodies above: the calls come several times a frame,
-  // and their refusals and messages live in cold code.
-  template <bool kObserved>
-  GMP_HOT_INLINE std::shared_ptr<BufSlot> onGetProducerBuffer() GMP_EXCLUDES(mLock);
-  template <bool kObserved>
-  GMP_HOT_INLINE int onSetProducerBuffer(long const& key, int const& validSize,
-                                         std::shared_ptr<BufSlot> const& slot);
-  template <bool kObserved>
-  GMP_HOT_INLINE std::shared_ptr<BufSlot> onGetConsumerBuffer(long const& key, int index);
-  template <bool kObserved>
-  GMP_HOT_INLINE int onSetConsumerBuffer(std::shared_ptr<BufSlot> const& slot);
+  // Whether this call's verbose debug lines or timeline events would go anywhere; read once by
+  // each lending call, whose routine leaves them out when not.
+  bool isObserved() const;
+  // The lending routines under their public wrappers, which add the trace slice and the dump on
+  // refusal; `observed` is the wrapper's isObserved().
+  std::shared_ptr<BufSlot> onGetProducerBuffer(bool observed) GMP_EXCLUDES(mLock);
+  int onSetProducerBuffer(long const& key, int const& validSize,
+                          std::shared_ptr<BufSlot> const& slot, bool observed);
+  std::shared_ptr<BufSlot> onGetConsumerBuffer(long const& key, int index, bool observed);
+  int onSetConsumerBuffer(std::shared_ptr<BufSlot> const& slot, bool observed);
 
   // The steps run on the pool's queue, one at a time in posting order; each takes the locks it
   // needs.
@@ -128,12 +98,10 @@ class GainMapBufPoolImp : public NSCam::v3::Utils::IGainMapBufPool {
   // Whether a user returning `slot` is its last user in a released pool and so frees it.
   bool lastUserFrees(BufSlotImp const& slot) GMP_REQUIRES(slot.lock);
   // Whether the pool lends slots now; logs why not as `func`.
-  GMP_HOT_INLINE bool isLending(char const* func);
-  GMP_COLD void refuseLending(char const* func, bool initialized);
+  bool isLending(char const* func);
   // Whether a returning user's slot `index` names a slot of the rotation (logged as `func` when
   // it does not, or when the slots do not exist yet).
-  GMP_HOT_INLINE bool isReturnable(char const* func, int index);
-  GMP_COLD void refuseReturn(char const* func, int index, uint32_t slotCount, bool inRotation);
+  bool isReturnable(char const* func, int index);
   // Posts `step` to the pool's queue; the handle carries the step's future.
   std::shared_ptr<NSCam::CTM::TaskHandle> post(std::function<void()> step);
   static void waitFor(std::shared_ptr<NSCam::CTM::TaskHandle> const& handle);

@@ -9,7 +9,7 @@
 
 // The process-wide registry of pools, one per sensor id. Its mLock is held while it constructs,
 // releases, resumes, dumps or destroys a pool, so pool locks are always taken inside it.
-class GainMapBufPoolMgrImp : public NSCam::v3::Utils::IGainMapBufPoolManager {
+class GainMapBufPoolMgrImp final : public NSCam::v3::Utils::IGainMapBufPoolManager {
  public:
   GainMapBufPoolMgrImp();
   ~GainMapBufPoolMgrImp() override = default;

@@ -19,7 +19,7 @@
 
 namespace gainmap {
 
-class GMP_CAPABILITY("mutex") Mutex {
+class GMP_CAPABILITY("mutex") Mutex final {
  public:
   void lock() GMP_ACQUIRE() { mMutex.lock(); }
   void unlock() GMP_RELEASE() { mMutex.unlock(); }
@@ -28,7 +28,7 @@ class GMP_CAPABILITY("mutex") Mutex {
   std::mutex mMutex;
 };
 
-class GMP_SCOPED_CAPABILITY MutexLocker {
+class GMP_SCOPED_CAPABILITY MutexLocker final {
  public:
   explicit MutexLocker(Mutex& m) GMP_ACQUIRE(m) : mMutex(m) { mMutex.lock(); }
   ~MutexLocker() GMP_RELEASE() { mMutex.unlock(); }

@@ -17,6 +17,10 @@
 #include "camsys/Properties.h"
 #include "camsys/SensorInfo.h"
 
+// The exceptions on a lending path: an observed call, a refusal and its dump, pending growth, a
+// freeing return.
+#define GMP_UNLIKELY(condition) __builtin_expect(static_cast<bool>(condition), 0)
+
 using gainmap::MutexLocker;
 using NSCam::MSize;
 using NSCam::CTM::CentralTaskMgr;
@@ -72,6 +76,33 @@ std::string toString(std::unordered_map<unsigned int, MSize> sizes) {
 
 int indexOf(std::shared_ptr<NSCam::v3::Utils::IGainMapBufPool::BufSlot> const& slot) {
   return slot ? slot->index : -1;
+}
+
+// A lending call refused before it looks at a slot; cold, out of the lent path's way.
+__attribute__((cold, noinline)) void refuseLending(char const* func, int32_t sensorId,
+                                                   bool initialized) {
+  if (!initialized) {
+    GMP_LOGW_AS(func, "[%s] [s:%d] pool has not been initialized", sensorId);
+    GMP_TRACE_INSTANT(gainmap::trace::refused(func, sensorId, gainmap::trace::kNotInitialized));
+  } else {
+    GMP_LOGE_AS(func, "[%s] [s:%d] pool has been marked released", sensorId);
+    GMP_TRACE_INSTANT(gainmap::trace::refused(func, sensorId, gainmap::trace::kReleased));
+  }
+}
+
+// A slot handed back with an index outside the rotation, or before the slots exist; cold.
+__attribute__((cold, noinline)) void refuseReturn(char const* func, int32_t sensorId, int index,
+                                                  uint32_t slotCount, bool inRotation) {
+  if (!inRotation) {
+    GMP_LOGE_AS(func, "[%s] [s:%d] invalid slot index(%d). Number of slots(%d)", sensorId, index,
+                slotCount);
+    GMP_TRACE_INSTANT(
+        gainmap::trace::refused(func, sensorId, gainmap::trace::kInvalidIndex, index));
+  } else {
+    GMP_LOGW_AS(func, "[%s] [s:%d] pool has not been initialized", sensorId);
+    GMP_TRACE_INSTANT(
+        gainmap::trace::refused(func, sensorId, gainmap::trace::kNotInitialized, index));
+  }
 }
 
 }  // namespace
@@ -373,17 +404,18 @@ int GainMapBufPoolImp::releaseSlotBuffersLocked(std::shared_ptr<BufSlotImp> cons
   return 0;
 }
 
-// In a lending routine: its verbose debug lines and timeline events, compiled only into the copy
-// that runs while the pool is observed. Refusals are logged and traced in both copies.
+// In a lending routine: its verbose debug lines and timeline events, only while the call is
+// observed (`observed`, read once by the routine's wrapper). Refusals are logged and traced
+// whether observed or not.
 #define GMP_OBSERVED_LOGVD(fmt, ...)       \
   do {                                     \
-    if constexpr (kObserved) {             \
+    if (GMP_UNLIKELY(observed)) {          \
       GMP_LOGVD(this, fmt, ##__VA_ARGS__); \
     }                                      \
   } while (0)
 #define GMP_OBSERVED_TRACE(statement) \
   do {                                \
-    if constexpr (kObserved) {        \
+    if (GMP_UNLIKELY(observed)) {     \
       GMP_TRACE(statement);           \
     }                                 \
   } while (0)
@@ -391,20 +423,13 @@ int GainMapBufPoolImp::releaseSlotBuffersLocked(std::shared_ptr<BufSlotImp> cons
 bool GainMapBufPoolImp::isObserved() const {
   // Both switches folded into one test: a quiet call takes a single branch here.
   bool const traced = NSCam::Utils::Trace::enabled(NSCam::Utils::Trace::kTimeline);
-  return GMP_UNLIKELY((static_cast<uint32_t>(traced) | static_cast<uint32_t>(mLogLevel)) != 0);
+  return (static_cast<uint32_t>(traced) | static_cast<uint32_t>(mLogLevel)) != 0;
 }
 
 std::shared_ptr<GainMapBufPoolImp::BufSlot> GainMapBufPoolImp::getProducerBuffer() {
-  if (isObserved()) {
-    return outOfLine([this] { return lendToProducer<true>(); });
-  }
-  return lendToProducer<false>();
-}
-
-template <bool kObserved>
-std::shared_ptr<GainMapBufPoolImp::BufSlot> GainMapBufPoolImp::lendToProducer() {
-  gainmap::trace::Slice slice("getProducerBuffer", mSensorId, kObserved);
-  std::shared_ptr<BufSlot> slot = onGetProducerBuffer<kObserved>();
+  bool const observed = isObserved();
+  gainmap::trace::Slice slice("getProducerBuffer", mSensorId, observed);
+  std::shared_ptr<BufSlot> slot = onGetProducerBuffer(observed);
   slice.slot(slot.get());
   if (GMP_UNLIKELY(!slot && mbInitialized.load(kAcquire))) {
     dump();
@@ -412,8 +437,7 @@ std::shared_ptr<GainMapBufPoolImp::BufSlot> GainMapBufPoolImp::lendToProducer() 
   return slot;
 }
 
-template <bool kObserved>
-std::shared_ptr<GainMapBufPoolImp::BufSlot> GainMapBufPoolImp::onGetProducerBuffer() {
+std::shared_ptr<GainMapBufPoolImp::BufSlot> GainMapBufPoolImp::onGetProducerBuffer(bool observed) {
   if (!isLending(__func__)) {
     return nullptr;
   }
@@ -491,28 +515,19 @@ std::shared_ptr<GainMapBufPoolImp::BufSlot> GainMapBufPoolImp::onGetProducerBuff
 int GainMapBufPoolImp::setProducerBuffer(long const& key, int const& validSize,
                                          std::shared_ptr<BufSlot> slot) {
   // `slot` is the caller's copy, held for the call.
-  if (isObserved()) {
-    return outOfLine([&] { return takeFromProducer<true>(key, validSize, slot); });
-  }
-  return takeFromProducer<false>(key, validSize, slot);
-}
-
-template <bool kObserved>
-int GainMapBufPoolImp::takeFromProducer(long const& key, int const& validSize,
-                                        std::shared_ptr<BufSlot> const& slot) {
-  gainmap::trace::Slice slice("setProducerBuffer", mSensorId, kObserved);
+  bool const observed = isObserved();
+  gainmap::trace::Slice slice("setProducerBuffer", mSensorId, observed);
   slice.slot(slot.get());
   slice.key(key);
-  int status = onSetProducerBuffer<kObserved>(key, validSize, slot);
+  int const status = onSetProducerBuffer(key, validSize, slot, observed);
   if (GMP_UNLIKELY(status != 0)) {
     dump();
   }
   return status;
 }
 
-template <bool kObserved>
 int GainMapBufPoolImp::onSetProducerBuffer(long const& key, int const& validSize,
-                                           std::shared_ptr<BufSlot> const& slot) {
+                                           std::shared_ptr<BufSlot> const& slot, bool observed) {
   GMP_OBSERVED_LOGVD("[%s] [s:%d] key: %ld, validSize: %d, slot index: %d", mSensorId, key,
                      validSize, indexOf(slot));
   int const index = indexOf(slot);
@@ -552,28 +567,20 @@ int GainMapBufPoolImp::onSetProducerBuffer(long const& key, int const& validSize
 
 std::shared_ptr<GainMapBufPoolImp::BufSlot> GainMapBufPoolImp::getConsumerBuffer(long const& key,
                                                                                  int index) {
-  if (isObserved()) {
-    return outOfLine([&] { return lendToConsumer<true>(key, index); });
-  }
-  return lendToConsumer<false>(key, index);
-}
-
-template <bool kObserved>
-std::shared_ptr<GainMapBufPoolImp::BufSlot> GainMapBufPoolImp::lendToConsumer(long const& key,
-                                                                              int index) {
-  gainmap::trace::Slice slice("getConsumerBuffer", mSensorId, kObserved);
+  bool const observed = isObserved();
+  gainmap::trace::Slice slice("getConsumerBuffer", mSensorId, observed);
   slice.slot(index);
   slice.key(key);
-  std::shared_ptr<BufSlot> slot = onGetConsumerBuffer<kObserved>(key, index);
+  std::shared_ptr<BufSlot> slot = onGetConsumerBuffer(key, index, observed);
   if (GMP_UNLIKELY(!slot && mbInitialized.load(kAcquire))) {
     dump();
   }
   return slot;
 }
 
-template <bool kObserved>
 std::shared_ptr<GainMapBufPoolImp::BufSlot> GainMapBufPoolImp::onGetConsumerBuffer(long const& key,
-                                                                                   int index) {
+                                                                                   int index,
+                                                                                   bool observed) {
   GMP_OBSERVED_LOGVD("[%s] index: %d, key: %ld", index, key);
   if (!isLending(__func__)) {
     return nullptr;
@@ -620,25 +627,17 @@ std::shared_ptr<GainMapBufPoolImp::BufSlot> GainMapBufPoolImp::onGetConsumerBuff
 }
 
 int GainMapBufPoolImp::setConsumerBuffer(std::shared_ptr<BufSlot> slot) {
-  if (isObserved()) {
-    return outOfLine([&] { return takeFromConsumer<true>(slot); });
-  }
-  return takeFromConsumer<false>(slot);
-}
-
-template <bool kObserved>
-int GainMapBufPoolImp::takeFromConsumer(std::shared_ptr<BufSlot> const& slot) {
-  gainmap::trace::Slice slice("setConsumerBuffer", mSensorId, kObserved);
+  bool const observed = isObserved();
+  gainmap::trace::Slice slice("setConsumerBuffer", mSensorId, observed);
   slice.slot(slot.get());
-  int status = onSetConsumerBuffer<kObserved>(slot);
+  int const status = onSetConsumerBuffer(slot, observed);
   if (GMP_UNLIKELY(status != 0)) {
     dump();
   }
   return status;
 }
 
-template <bool kObserved>
-int GainMapBufPoolImp::onSetConsumerBuffer(std::shared_ptr<BufSlot> const& slot) {
+int GainMapBufPoolImp::onSetConsumerBuffer(std::shared_ptr<BufSlot> const& slot, bool observed) {
   GMP_OBSERVED_LOGVD("[%s] [s:%d] consumer slot index(%d), slot count(%d)", mSensorId,
                      indexOf(slot), mSlotCount.load(kAcquire));
   int const index = indexOf(slot);
@@ -685,21 +684,11 @@ bool GainMapBufPoolImp::lastUserFrees(BufSlotImp const& slot) {
 bool GainMapBufPoolImp::isLending(char const* func) {
   // Neither waits: a producer or consumer early or late is refused at once.
   bool const initialized = mbInitialized.load(kAcquire);
-  if (__builtin_expect(initialized && !mbReleased.load(kAcquire), 1)) {
-    return true;
+  if (GMP_UNLIKELY(!initialized || mbReleased.load(kAcquire))) {
+    refuseLending(func, mSensorId, initialized);
+    return false;
   }
-  refuseLending(func, initialized);
-  return false;
-}
-
-void GainMapBufPoolImp::refuseLending(char const* func, bool initialized) {
-  if (!initialized) {
-    GMP_LOGW_AS(func, "[%s] [s:%d] pool has not been initialized", mSensorId);
-    GMP_TRACE_INSTANT(gainmap::trace::refused(func, mSensorId, gainmap::trace::kNotInitialized));
-  } else {
-    GMP_LOGE_AS(func, "[%s] [s:%d] pool has been marked released", mSensorId);
-    GMP_TRACE_INSTANT(gainmap::trace::refused(func, mSensorId, gainmap::trace::kReleased));
-  }
+  return true;
 }
 
 bool GainMapBufPoolImp::isReturnable(char const* func, int index) {
@@ -707,25 +696,11 @@ bool GainMapBufPoolImp::isReturnable(char const* func, int index) {
   // A negative index compares as too large.
   bool const inRotation = static_cast<uint32_t>(index) < slotCount;
   // Before the creation task has run, mSlots is still being filled.
-  if (__builtin_expect(inRotation && mbInitialized.load(kAcquire), 1)) {
-    return true;
+  if (GMP_UNLIKELY(!inRotation || !mbInitialized.load(kAcquire))) {
+    refuseReturn(func, mSensorId, index, slotCount, inRotation);
+    return false;
   }
-  refuseReturn(func, index, slotCount, inRotation);
-  return false;
-}
-
-void GainMapBufPoolImp::refuseReturn(char const* func, int index, uint32_t slotCount,
-                                     bool inRotation) {
-  if (!inRotation) {
-    GMP_LOGE_AS(func, "[%s] [s:%d] invalid slot index(%d). Number of slots(%d)", mSensorId, index,
-                slotCount);
-    GMP_TRACE_INSTANT(
-        gainmap::trace::refused(func, mSensorId, gainmap::trace::kInvalidIndex, index));
-  } else {
-    GMP_LOGW_AS(func, "[%s] [s:%d] pool has not been initialized", mSensorId);
-    GMP_TRACE_INSTANT(
-        gainmap::trace::refused(func, mSensorId, gainmap::trace::kNotInitialized, index));
-  }
+  return true;
 }
 
 int GainMapBufPoolImp::setPoolReleased() {
