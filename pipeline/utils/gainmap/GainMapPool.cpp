@@ -171,7 +171,10 @@ GainMapBufPoolImp::~GainMapBufPoolImp() {
       releaseSlotBuffersLocked(slot);
       GMP_LOGVD(this, "[%s] [s:%d][i:%zu] buffers released", mSensorId, i);
     }
-    GMP_TRACE(gainmap::trace::slotBytes(mSensorId, slot.get(), 0));
+    // A slot of several modes keeps its memory in buffersBySize until the slot object goes.
+    GMP_TRACE(gainmap::trace::slotBytes(
+        mSensorId, slot.get(),
+        slot->buffersBySize.empty() ? 0u : static_cast<uint32_t>(mAllocParam.imgSize.w)));
   }
   if (!busySlots.str().empty()) {
     GMP_LOGI("[%s] [s:%d] buffer slots still have users while destructing {%s}", mSensorId,

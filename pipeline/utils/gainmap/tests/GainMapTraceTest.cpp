@@ -212,6 +212,13 @@ TEST_F(GainMapTraceTest, SlotOccupancyAndPoolCountersFollowTheLending) {
   EXPECT_EQ(trace.counter("s:3 image", "bytes"),
             (std::vector<int64_t>{6 * kMap4x3Bytes, 4 * kMap4x3Bytes, 2 * kMap4x3Bytes, 0}));
   EXPECT_EQ(second->buffers.size(), 0u);
+
+  // A pool of two modes keeps each slot's memory in buffersBySize, which its destructor does not
+  // free: the counter does not drop as the pool goes.
+  trace.clear();
+  createdPool(poolParams({{0, MSize(4000, 3000)}, {1, MSize(4000, 2250)}}, 1, 2)).reset();
+  EXPECT_EQ(trace.counter("s:3 image", "bytes"),
+            (std::vector<int64_t>{kMap4x3Bytes, 2 * kMap4x3Bytes}));
 }
 
 TEST_F(GainMapTraceTest, LendingCallsAndQueuedStepsAreSlicesInAValidTraceFile) {
