@@ -2,14 +2,9 @@
 # directory or globally, so that a project that builds this one as a subproject keeps its own.
 set(GAINMAP_SANITIZE "" CACHE STRING "Sanitizers to build with: address,undefined or thread")
 
-# gainmap_target_flags(<target>): the flags of every target. A target whose sources are clean
-# under -Wshadow and -Wconversion asks for them with the target property GAINMAP_STRICT_WARNINGS.
+# gainmap_target_flags(<target>): the flags of every target.
 function(gainmap_target_flags target)
-  target_compile_options(${target} PRIVATE -Wall -Wextra -Werror)
-  get_target_property(strict ${target} GAINMAP_STRICT_WARNINGS)
-  if(strict)
-    target_compile_options(${target} PRIVATE -Wshadow -Wconversion)
-  endif()
+  target_compile_options(${target} PRIVATE -Wall -Wextra -Werror -Wshadow -Wconversion)
   if(CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
     target_compile_options(${target} PRIVATE -Wthread-safety)
   endif()

@@ -25,7 +25,8 @@ export PKG_CONFIG_PATH
 PKG_CONFIG_PATH="$(dirname "$(find "$prefix" -name qelcam_gainmappool.pc)")"
 libdir="$(pkg-config --variable=libdir qelcam_gainmappool)"
 # shellcheck disable=SC2046 # pkg-config's flags are separate words
-c++ -std=c++17 -Wall -Wextra -Werror examples/consumer/main.cpp -o "$work/pkg-config-consumer" \
-  $(pkg-config --cflags --libs qelcam_gainmappool qelcam_platform_host) -Wl,-rpath,"$libdir"
+c++ -std=c++17 -Wall -Wextra -Werror -Wshadow -Wconversion examples/consumer/main.cpp \
+  -o "$work/pkg-config-consumer" $(pkg-config --cflags --libs qelcam_gainmappool qelcam_platform_host) \
+  -Wl,-rpath,"$libdir"
 "$work/pkg-config-consumer"
 echo "check-package: installed package built and ran through CMake and pkg-config"

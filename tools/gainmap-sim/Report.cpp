@@ -147,7 +147,8 @@ void printRow(std::ostream& out, std::string const& label, std::vector<std::stri
   std::string line = label;
   line.resize(std::max<size_t>(kLabelWidth, label.size() + 1), ' ');
   for (auto const& text : cells) {
-    line += std::string(std::max<int>(1, kColumnWidth - static_cast<int>(text.size())), ' ');
+    line += std::string(
+        static_cast<size_t>(std::max<int>(1, kColumnWidth - static_cast<int>(text.size()))), ' ');
     line += text;
   }
   out << line << '\n';

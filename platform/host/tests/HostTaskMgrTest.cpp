@@ -70,11 +70,11 @@ TEST(HostTaskQueue, RunsEachPostersTasksInPostingOrderOneAtATime) {
   ASSERT_EQ(ran.size(), static_cast<size_t>(kPosters * kTasksEach));
   std::vector<int> next(kPosters, 0);
   for (auto const& [poster, n] : ran) {
-    EXPECT_EQ(n, next[poster]) << "poster " << poster;
-    next[poster] = n + 1;
+    EXPECT_EQ(n, next[static_cast<size_t>(poster)]) << "poster " << poster;
+    next[static_cast<size_t>(poster)] = n + 1;
   }
   for (int p = 0; p < kPosters; ++p) {
-    EXPECT_EQ(next[p], kTasksEach);
+    EXPECT_EQ(next[static_cast<size_t>(p)], kTasksEach);
   }
 }
 
@@ -265,13 +265,13 @@ TEST(HostCentralTaskMgr, ManyQueuesKeepEachPostersOrderAndRunOneTaskAtATime) {
   qelcam::host::waitQueuesIdle();
 
   for (int q = 0; q < kQueues; ++q) {
-    auto const& record = records[q];
+    auto const& record = records[static_cast<size_t>(q)];
     EXPECT_FALSE(record.overlapped) << "queue " << q;
     ASSERT_EQ(record.ran.size(), static_cast<size_t>(kPosters * kTasksEach)) << "queue " << q;
     std::vector<int> next(kPosters, 0);
     for (auto const& [poster, n] : record.ran) {
-      EXPECT_EQ(n, next[poster]) << "queue " << q << " poster " << poster;
-      next[poster] = n + 1;
+      EXPECT_EQ(n, next[static_cast<size_t>(poster)]) << "queue " << q << " poster " << poster;
+      next[static_cast<size_t>(poster)] = n + 1;
     }
   }
 }
@@ -284,12 +284,12 @@ TEST(HostCentralTaskMgr, TasksOfDifferentQueuesRunAtTheSameTime) {
   std::vector<std::shared_future<void>> startedFutures;
   for (int q = 0; q < kQueues; ++q) {
     queues.push_back(makeQueue("parallel"));
-    startedFutures.push_back(started[q].get_future().share());
+    startedFutures.push_back(started[static_cast<size_t>(q)].get_future().share());
   }
   std::vector<std::shared_ptr<NSCam::CTM::TaskHandle>> handles;
   for (int q = 0; q < kQueues; ++q) {
-    handles.push_back(postStep(queues[q], [&, q] {
-      started[q].set_value();
+    handles.push_back(postStep(queues[static_cast<size_t>(q)], [&, q] {
+      started[static_cast<size_t>(q)].set_value();
       for (auto const& other : startedFutures) {
         other.wait();
       }

@@ -22,7 +22,7 @@ using Batch = std::vector<std::shared_ptr<qcam::IImageBuffer>>;
 // consumers really read most frames instead of finding them overwritten.
 class Pacer {
  public:
-  Pacer(int consumers, long ahead) : mDone(consumers, 0), mAhead(ahead) {}
+  Pacer(int consumers, long ahead) : mDone(static_cast<size_t>(consumers), 0), mAhead(ahead) {}
 
   void waitForConsumers(long announced) {
     std::unique_lock<std::mutex> lock(mMutex);
@@ -35,7 +35,7 @@ class Pacer {
   void consumed(int consumer) {
     {
       std::lock_guard<std::mutex> lock(mMutex);
-      ++mDone[consumer];
+      ++mDone[static_cast<size_t>(consumer)];
     }
     mChanged.notify_all();
   }
@@ -83,7 +83,7 @@ class FrameQueue {
 
 // A gain map of one frame: its key and buffer number up front, then one byte value throughout.
 uint8_t fillByte(int64_t key, size_t buffer) {
-  return static_cast<uint8_t>(key * 5 + buffer * 3 + 1);
+  return static_cast<uint8_t>(static_cast<uint64_t>(key) * 5 + buffer * 3 + 1);
 }
 
 void writeFrame(std::shared_ptr<qcam::IImageBuffer> const& buffer, int64_t key, size_t b) {
@@ -188,7 +188,7 @@ TEST_F(GainMapConcurrencyTest, FramesFlowWhileThePoolIsReleasedAndResumedUnderne
   std::vector<std::thread> consumers;
   for (int c = 0; c < kConsumers; ++c) {
     consumers.emplace_back([&, c] {
-      while (auto frame = queues[c].pop()) {
+      while (auto frame = queues[static_cast<size_t>(c)].pop()) {
         consume(*frame);
         pacer.consumed(c);
       }

@@ -89,9 +89,10 @@ TEST_F(GainMapLog, DetailsLevelFourLetsWarningsAndInfoThroughButNotDebug) {
   EXPECT_EQ(texts(records, Sink::Logger),
             (std::vector<std::string>{"[TestBody] e 1", "[TestBody] w 2", "[TestBody] i 3"}));
   for (int i = 0; i < 3; ++i) {
-    EXPECT_EQ(records[i].level, i + 1);
-    EXPECT_EQ(records[i].moduleId, 0x201004u);
-    EXPECT_EQ(records[i].tag, kTag);
+    auto const& record = records[static_cast<size_t>(i)];
+    EXPECT_EQ(record.level, i + 1);
+    EXPECT_EQ(record.moduleId, 0x201004u);
+    EXPECT_EQ(record.tag, kTag);
   }
 
   gates(0x2, 1, kAllDebugBits);

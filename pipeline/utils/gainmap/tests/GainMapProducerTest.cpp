@@ -10,7 +10,7 @@ namespace {
 class GainMapProducerTest : public PoolTest {};
 
 uint8_t patternByte(int64_t key, size_t buffer, size_t offset) {
-  return static_cast<uint8_t>(key * 7 + buffer * 31 + offset);
+  return static_cast<uint8_t>(static_cast<uint64_t>(key) * 7 + buffer * 31 + offset);
 }
 
 TEST_F(GainMapProducerTest, AFrameTravelsFromTheProducerToTwoConsumers) {

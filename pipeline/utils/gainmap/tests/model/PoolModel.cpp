@@ -127,7 +127,7 @@ SlotModel* PoolModel::slot(int index) {
   if (index < 0 || static_cast<size_t>(index) >= mSlots.size()) {
     return nullptr;
   }
-  return &mSlots[index];
+  return &mSlots[static_cast<size_t>(index)];
 }
 
 bool PoolModel::isLending(char const* func, Lines& out) const {
@@ -208,7 +208,7 @@ SlotModel* PoolModel::slotToReturn(char const* func, int index, Lines& out) {
     out.push_back({kWarning, format("[%s] [s:%d] pool has not been initialized", func, mSensorId)});
     return nullptr;
   }
-  return &mSlots[index];
+  return &mSlots[static_cast<size_t>(index)];
 }
 
 int PoolModel::setProducerBuffer(int64_t key, int validSize, int slotIndex, Lines& out) {
@@ -247,7 +247,7 @@ int PoolModel::getConsumerBuffer(int64_t key, int index, Lines& out) {
       out.push_back({kError, format("[%s] [s:%d] request invalid index(%d). Number of slots(%d)",
                                     func, mSensorId, index, static_cast<int>(mSlotCount))});
     } else {
-      SlotModel& slot = mSlots[index];
+      SlotModel& slot = mSlots[static_cast<size_t>(index)];
       if (slot.producerUser) {
         out.push_back({kError, format("[%s] [s:%d][i:%d] slot has producer user", func, mSensorId,
                                       slot.index)});
@@ -338,7 +338,7 @@ void PoolModel::runCreate(Lines& out) {
 }
 
 void PoolModel::runPreAlloc(int32_t index, Lines& out) {
-  SlotModel& slot = mSlots[index];
+  SlotModel& slot = mSlots[static_cast<size_t>(index)];
   slot.index = index;
   slot.validSize = static_cast<int32_t>(mGeometry.batchSize);
   allocSlotBuffers(slot, index, out);
@@ -474,11 +474,11 @@ bool PoolModel::gone() const {
 }
 
 void PoolModel::addSlotRef(int index) {
-  ++mSlots.at(index).clientRefs;
+  ++mSlots.at(static_cast<size_t>(index)).clientRefs;
 }
 
 void PoolModel::dropSlotRef(int index) {
-  SlotModel& slot = mSlots.at(index);
+  SlotModel& slot = mSlots.at(static_cast<size_t>(index));
   --slot.clientRefs;
   if (mDestroyed && slot.clientRefs == 0) {
     dropSlotObject(slot);

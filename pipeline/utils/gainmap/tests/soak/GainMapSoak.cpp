@@ -162,7 +162,9 @@ class Soak {
     for (size_t s = 0; s < mSensors.size(); ++s) {
       threads.emplace_back([this, s] { produce(*mSensors[s]); });
       for (int c = 0; c < kConsumersPerSensor; ++c) {
-        threads.emplace_back([this, s, c] { consume(*mSensors[s], c, mSeed * 31 + s * 7 + c); });
+        threads.emplace_back([this, s, c] {
+          consume(*mSensors[s], c, mSeed * 31 + s * 7 + static_cast<uint64_t>(c));
+        });
       }
     }
     threads.emplace_back([this] { churn(); });
