@@ -1,0 +1,427 @@
+// The pool's interleavings, every schedule up to each scenario's preemption bound: a copy of the
+// pool and the manager built with scheduling points, run by the explorer (tools/gainmap-explore).
+// Each scenario sets a pool up, lets two or three client threads and the pool's queue race, and
+// checks every call's outcome against the ones the protocol allows, then the pool at rest.
+
+#include <cstdio>
+#include <cstring>
+#include <initializer_list>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "Explorer.h"
+#include "GainMapBufPoolImp.h"
+#include "GainMapBufPoolMgrImp.h"
+#include "HostPlatform.h"
+#include "camsys/ULog.h"
+
+namespace {
+
+using explore::check;
+using explore::spawn;
+using NSCam::MSize;
+using Pool = GainMapBufPoolImp;
+using SlotImp = GainMapBufPoolImp::BufSlotImp;
+using SlotPtr = std::shared_ptr<NSCam::v3::Utils::IGainMapBufPool::BufSlot>;
+using ULogger = NSCam::Utils::ULog::ULogger;
+
+constexpr int kSensor = 3;
+constexpr int kUniKey = 77;
+
+// The reason of this thread's last refused call, from the pool's refusal events.
+thread_local std::string tRefusal;
+
+std::string takeRefusal() {
+  std::string reason = tRefusal.empty() ? "no reason" : tRefusal;
+  tRefusal.clear();
+  return reason;
+}
+
+// What a call gave: "lent" or "0", else the refusal's reason.
+std::string outcome(SlotPtr const& slot) {
+  return slot ? "lent" : takeRefusal();
+}
+std::string outcome(int status) {
+  return status == 0 ? "0" : takeRefusal();
+}
+
+void expect(char const* call, std::string const& got, std::initializer_list<char const*> allowed) {
+  for (char const* one : allowed) {
+    if (got == one) {
+      return;
+    }
+  }
+  check(false, std::string(call) + " gave \"" + got + "\", which the protocol does not allow here");
+}
+
+Pool::PoolParameters params(uint32_t slots) {
+  Pool::PoolParameters p;
+  p.sensorId = kSensor;
+  // Gain maps of 576x16 bytes.
+  p.sensorSizes = {{0, MSize(5760, 160)}};
+  p.batchSize = 1;
+  p.slotCount = slots;
+  p.uniKey = kUniKey;
+  return p;
+}
+
+std::shared_ptr<Pool> newPool(uint32_t slots) {
+  auto pool = std::make_shared<Pool>(params(slots), false);
+  explore::settle();
+  return pool;
+}
+
+std::vector<std::shared_ptr<qcam::IImageBuffer>> buffersOf(SlotPtr const& slot) {
+  auto imp = std::static_pointer_cast<SlotImp>(slot);
+  gainmap::MutexLocker lock(imp->lock);
+  return imp->buffers;
+}
+
+uint8_t* bytesOf(SlotPtr const& slot) {
+  auto buffers = buffersOf(slot);
+  return buffers.empty() ? nullptr : reinterpret_cast<uint8_t*>(buffers[0]->getBufVA(0));
+}
+
+// A lent slot of a single-mode pool always carries its buffers.
+void checkHasBuffers(SlotPtr const& slot, char const* who) {
+  if (slot) {
+    check(!buffersOf(slot).empty(),
+          std::string(who) + " was lent slot " + std::to_string(slot->index) + " without buffers");
+  }
+}
+
+// The producer's frame: takes a slot, stamps its first byte with the key and hands it back.
+std::string produce(Pool& pool, long key) {
+  SlotPtr slot = pool.getProducerBuffer();
+  checkHasBuffers(slot, "the producer");
+  if (!slot) {
+    return takeRefusal();
+  }
+  if (uint8_t* bytes = bytesOf(slot)) {
+    bytes[0] = static_cast<uint8_t>(key);
+  }
+  return outcome(pool.setProducerBuffer(key, 1, slot));
+}
+
+// A consumer holding `slot` for frame `key`: nobody may change its buffers or their bytes.
+struct Hold {
+  SlotPtr slot;
+  std::vector<std::shared_ptr<qcam::IImageBuffer>> buffers;
+  uint8_t first = 0;
+
+  Hold(SlotPtr lent) : slot(std::move(lent)), buffers(buffersOf(slot)) {
+    checkHasBuffers(slot, "a consumer");
+    first = buffers.empty() ? 0 : *bytesOf(slot);
+  }
+  void giveBack(Pool& pool) {
+    check(buffersOf(slot) == buffers && (buffers.empty() || *bytesOf(slot) == first),
+          "slot " + std::to_string(slot->index) + " changed under its consumer");
+    buffers.clear();
+    expect("setConsumerBuffer", outcome(pool.setConsumerBuffer(slot)), {"0"});
+  }
+};
+
+// A borrow that the schedule may refuse for one of `refusals`; a lent slot is given back.
+void borrow(Pool& pool, long key, int index, std::initializer_list<char const*> allowed) {
+  SlotPtr slot = pool.getConsumerBuffer(key, index);
+  expect("getConsumerBuffer", outcome(slot), allowed);
+  if (slot) {
+    Hold(slot).giveBack(pool);
+  }
+}
+
+struct SlotRow {
+  int producer = 0;
+  size_t consumers = 0;
+  size_t buffers = 0;
+};
+
+// Keeps the last line written, instead of the log.
+class LastLine : public ULogger {
+ public:
+  void write(uint32_t, char const*, int, char const* text, int) override { line = text; }
+  std::string line;
+};
+
+// The pool's dump, read through the log: whether it is released, and every slot's users and
+// buffers.
+bool readDump(Pool& pool, std::vector<SlotRow>* slots) {
+  uint32_t const level = ULogger::sDetailsLevel;
+  uint32_t const mask = ULogger::sNormalDetailsMask;
+  ULogger* const logger = ULogger::sULogger;
+  LastLine last;
+  ULogger::sULogger = &last;
+  ULogger::sDetailsLevel = 5;
+  ULogger::sNormalDetailsMask |= 0x201000;
+  ULogger::sMode = 2;
+  pool.dump();
+  ULogger::sMode = 0;
+  ULogger::sDetailsLevel = level;
+  ULogger::sNormalDetailsMask = mask;
+  ULogger::sULogger = logger;
+  std::string const& text = last.line;
+  int released = 0;
+  int used = 0;
+  std::sscanf(text.c_str(),
+              "[dump] [s:%*d] released(%d) (p, c, validSize, key, buffers.size()): {%n", &released,
+              &used);
+  check(used > 0, "no dump: " + text);
+  for (char const* item = text.c_str() + used;;) {
+    SlotRow row;
+    used = 0;
+    if (std::sscanf(item, "[%*d]: (%d, %zu, %*d, %*d, %zu), %n", &row.producer, &row.consumers,
+                    &row.buffers, &used) != 3 ||
+        used == 0) {
+      break;
+    }
+    slots->push_back(row);
+    item += used;
+  }
+  return released != 0;
+}
+
+// Once the threads have ended and the queue is idle: users are back to zero, a released pool's
+// slots hold no memory, an active pool lends every slot with its buffers, and the memory alive is
+// one heap per slot that has buffers, none of them dropped while locked.
+void checkAtRest(Pool& pool, qelcam::host::HeapStats const& base) {
+  std::vector<SlotRow> slots;
+  bool const released = readDump(pool, &slots);
+  uint64_t withBuffers = 0;
+  for (size_t i = 0; i < slots.size(); ++i) {
+    check(slots[i].producer == 0 && slots[i].consumers == 0,
+          "slot " + std::to_string(i) + " still has users at rest");
+    check(!released || slots[i].buffers == 0,
+          "slot " + std::to_string(i) + " of a released pool keeps its memory");
+    withBuffers += slots[i].buffers;
+  }
+  auto const stats = qelcam::host::heapStats();
+  check(stats.heapsAlive - base.heapsAlive == withBuffers,
+        std::to_string(stats.heapsAlive - base.heapsAlive) + " heaps alive for " +
+            std::to_string(withBuffers) + " slots with buffers");
+  check(stats.buffersDroppedLocked == base.buffersDroppedLocked, "buffers dropped while locked");
+  for (uint32_t i = 0; !released && i < pool.getMaxSlotCount(); ++i) {
+    expect("a frame at rest", produce(pool, 1000 + i), {"0"});
+  }
+}
+
+// After the last pool went: no heap and no locked buffer is left.
+void checkGone(qelcam::host::HeapStats const& base) {
+  auto const stats = qelcam::host::heapStats();
+  check(stats.heapsAlive == base.heapsAlive && stats.buffersLocked == base.buffersLocked,
+        "memory outlives the pool");
+}
+
+// Frame 100 in slot 0, which a consumer holds, and frame 101 in slot 1.
+struct ReadPool {
+  std::shared_ptr<Pool> pool;
+  SlotPtr reader;
+};
+ReadPool slotZeroRead(uint32_t slots) {
+  ReadPool read{newPool(slots), nullptr};
+  produce(*read.pool, 100);
+  read.reader = read.pool->getConsumerBuffer(100, 0);
+  produce(*read.pool, 101);
+  return read;
+}
+
+std::vector<explore::Scenario> scenarios() {
+  return {
+      {"release-vs-producer-get", 2,
+       [] {
+         auto base = qelcam::host::heapStats();
+         auto pool = newPool(2);
+         spawn("producer", [&] { expect("a frame", produce(*pool, 1), {"0", "released"}); });
+         spawn("client", [&] { pool->setPoolReleased(); });
+         explore::joinAll();
+         checkAtRest(*pool, base);
+         pool.reset();
+         checkGone(base);
+       }},
+      {"release-vs-producer-set", 2,
+       [] {
+         auto base = qelcam::host::heapStats();
+         auto pool = newPool(2);
+         SlotPtr writing = pool->getProducerBuffer();
+         spawn("producer", [&] {
+           expect("setProducerBuffer", outcome(pool->setProducerBuffer(100, 1, writing)), {"0"});
+         });
+         spawn("client", [&] { pool->setPoolReleased(); });
+         explore::joinAll();
+         checkAtRest(*pool, base);
+       }},
+      {"release-vs-consumer", 2,
+       [] {
+         auto base = qelcam::host::heapStats();
+         auto [pool, reader] = slotZeroRead(2);
+         Hold held(reader);
+         spawn("consumer", [&] {
+           held.giveBack(*pool);
+           // A borrow that passed the released mark just before the release task freed slot 1.
+           borrow(*pool, 101, 1, {"lent", "released", "buffers released"});
+         });
+         spawn("client", [&] { pool->setPoolReleased(); });
+         explore::joinAll();
+         checkAtRest(*pool, base);
+       }},
+      {"resume-vs-consumer-return", 2,
+       [] {
+         auto base = qelcam::host::heapStats();
+         auto [pool, reader] = slotZeroRead(2);
+         Hold held(reader);
+         pool->setPoolReleased();
+         explore::settle();
+         spawn("consumer", [&] { held.giveBack(*pool); });
+         spawn("client", [&] { pool->setPoolResume(); });
+         explore::joinAll();
+         checkAtRest(*pool, base);
+       }},
+      {"resume-vs-stale-consumer", 2,
+       [] {
+         auto base = qelcam::host::heapStats();
+         auto pool = newPool(2);
+         produce(*pool, 100);
+         pool->setPoolReleased();
+         explore::settle();
+         // A frame from before the release may be lent on the slot's fresh memory.
+         spawn("consumer", [&] { borrow(*pool, 100, 0, {"lent", "released"}); });
+         spawn("client", [&] { pool->setPoolResume(); });
+         explore::joinAll();
+         checkAtRest(*pool, base);
+       }},
+      {"growth-vs-release", 2,
+       [] {
+         auto base = qelcam::host::heapStats();
+         auto [pool, reader] = slotZeroRead(2);
+         spawn("producer", [&] {
+           expect("a frame", produce(*pool, 102), {"held by consumers", "released"});
+         });
+         spawn("client", [&] { pool->setPoolReleased(); });
+         explore::joinAll();
+         pool->setConsumerBuffer(reader);
+         checkAtRest(*pool, base);
+       }},
+      {"growth-vs-release-and-resume", 2,
+       [] {
+         auto base = qelcam::host::heapStats();
+         auto [pool, reader] = slotZeroRead(2);
+         spawn("producer", [&] {
+           expect("a frame", produce(*pool, 102), {"held by consumers", "released"});
+         });
+         spawn("client", [&] {
+           pool->setPoolReleased();
+           pool->setPoolResume();
+         });
+         explore::joinAll();
+         pool->setConsumerBuffer(reader);
+         checkAtRest(*pool, base);
+       }},
+      {"growth-at-last-slot-vs-slot-0-return", 2,
+       [] {
+         auto base = qelcam::host::heapStats();
+         auto [pool, reader] = slotZeroRead(2);
+         // Slot 0 is busy: the rotation grows by slot 2, and the producer goes round to it.
+         produce(*pool, 102);
+         explore::settle();
+         pool->setConsumerBuffer(reader);
+         produce(*pool, 102);
+         produce(*pool, 103);
+         Hold held(pool->getConsumerBuffer(102, 0));
+         spawn("producer", [&] { expect("a frame", produce(*pool, 104), {"0"}); });
+         spawn("consumer", [&] { held.giveBack(*pool); });
+         explore::joinAll();
+         checkAtRest(*pool, base);
+       }},
+      {"last-reference-vs-queued-growth", 2,
+       [] {
+         auto base = qelcam::host::heapStats();
+         auto [pool, reader] = slotZeroRead(2);
+         std::shared_ptr<Pool> producerRef = pool;
+         std::shared_ptr<Pool> clientRef = std::move(pool);
+         spawn("producer", [&] {
+           expect("a frame", produce(*producerRef, 102), {"held by consumers"});
+           producerRef.reset();
+         });
+         spawn("client", [&] { clientRef.reset(); });
+         explore::joinAll();
+         // The pool freed the held slot's buffers as it went; the slot object lives on.
+         check(buffersOf(reader).empty(), "a held slot keeps buffers after the pool went");
+         checkGone(base);
+       }},
+      {"create-pool-replacing-a-lending-pool", 2,
+       [] {
+         auto base = qelcam::host::heapStats();
+         auto manager = std::make_shared<GainMapBufPoolMgrImp>();
+         manager->createPool(params(2), false);
+         explore::settle();
+         auto old = std::static_pointer_cast<Pool>(manager->getPool(kSensor));
+         SlotPtr writing = old->getProducerBuffer();
+         spawn("producer", [&] {
+           expect("setProducerBuffer", outcome(old->setProducerBuffer(100, 1, writing)), {"0"});
+           expect("a frame", produce(*old, 101), {"0"});
+           old.reset();
+         });
+         spawn("client", [&] {
+           expect("createPool", outcome(manager->createPool(params(2), false)), {"0"});
+         });
+         explore::joinAll();
+         // The replaced pool went with its last holder; the new one lends.
+         auto fresh = std::static_pointer_cast<Pool>(manager->getPool(kSensor));
+         check(fresh != nullptr, "no pool after createPool");
+         checkAtRest(*fresh, base);
+         fresh.reset();
+         manager.reset();
+         checkGone(base);
+       }},
+      {"destroy-all-pools-while-a-slot-is-held", 2,
+       [] {
+         auto base = qelcam::host::heapStats();
+         auto manager = std::make_shared<GainMapBufPoolMgrImp>();
+         manager->createPool(params(2), false);
+         explore::settle();
+         auto pool = std::static_pointer_cast<Pool>(manager->getPool(kSensor));
+         produce(*pool, 100);
+         Hold held(pool->getConsumerBuffer(100, 0));
+         spawn("consumer", [&] {
+           held.giveBack(*pool);
+           pool.reset();
+         });
+         spawn("client", [&] {
+           expect("destroyAllPools", outcome(manager->destroyAllPools(kUniKey)), {"0"});
+         });
+         explore::joinAll();
+         check(manager->getPool(kSensor) == nullptr, "getPool finds a destroyed pool");
+         checkGone(base);
+       }},
+      {"frames-flow-while-released-and-resumed", 1,
+       [] {
+         auto base = qelcam::host::heapStats();
+         auto pool = newPool(2);
+         produce(*pool, 100);
+         spawn("producer", [&] { expect("a frame", produce(*pool, 101), {"0", "released"}); });
+         spawn("consumer", [&] { borrow(*pool, 100, 0, {"lent", "released"}); });
+         spawn("client", [&] {
+           pool->setPoolReleased();
+           pool->setPoolResume();
+         });
+         explore::joinAll();
+         checkAtRest(*pool, base);
+       }},
+  };
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  // Refusals come by the thousand: no log line, but every refusal's reason, on its own thread.
+  ULogger::sMode = 0;
+  ULogger::sDetailsLevel = 1;
+  qelcam::host::TraceListener refusals(
+      [](qelcam::host::TraceEvent const& event) {
+        if (auto const* reason = event.find("reason")) {
+          tRefusal = reason->text;
+        }
+      },
+      NSCam::Utils::Trace::kInstants);
+  return explore::runMain(argc, argv, scenarios());
+}
