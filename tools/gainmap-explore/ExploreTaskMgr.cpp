@@ -1,9 +1,9 @@
 // The platform's task manager as the explorer runs it: every queue is a daemon thread of the
-// scheduler that runs the queue's tasks one at a time, strictly in posting order. Queue state is
-// touched only by the thread holding the scheduler's token, so it needs no lock of its own.
+// scheduler that runs the queue's tasks one at a time, strictly in posting order.
 
 #include <deque>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <utility>
 
@@ -18,28 +18,41 @@ class TaskQueue {
   explicit TaskQueue(std::string const& name) : mState(std::make_shared<State>()) {
     explore::spawnDaemon(name, [state = mState] { serve(*state); });
   }
-  ~TaskQueue() { mState->closed = true; }
+  ~TaskQueue() {
+    std::lock_guard<std::mutex> lock(mState->mutex);
+    mState->closed = true;
+  }
   TaskQueue(TaskQueue const&) = delete;
   TaskQueue& operator=(TaskQueue const&) = delete;
 
   void post(std::unique_ptr<std::function<void()>> task) {
+    std::lock_guard<std::mutex> lock(mState->mutex);
     mState->tasks.push_back(std::move(task));
   }
 
  private:
   struct State {
+    // Orders a post before its task, as a platform queue does; the scheduler's own ordering is
+    // hidden from ThreadSanitizer.
+    std::mutex mutex;
     std::deque<std::unique_ptr<std::function<void()>>> tasks;
     // The owner dropped the queue: the thread ends once the tasks are done.
     bool closed = false;
   };
 
   static void serve(State& state) {
-    while (explore::waitIdle("a task", [&state] { return !state.tasks.empty() || state.closed; })) {
-      if (state.tasks.empty()) {
-        return;
+    // The scheduler evaluates the condition while this thread waits, with no other thread running.
+    auto work = [&state] { return !state.tasks.empty() || state.closed; };
+    while (explore::waitIdle("a task", work)) {
+      std::unique_ptr<std::function<void()>> task;
+      {
+        std::lock_guard<std::mutex> lock(state.mutex);
+        if (state.tasks.empty()) {
+          return;
+        }
+        task = std::move(state.tasks.front());
+        state.tasks.pop_front();
       }
-      std::unique_ptr<std::function<void()>> task = std::move(state.tasks.front());
-      state.tasks.pop_front();
       (*task)();
     }
   }

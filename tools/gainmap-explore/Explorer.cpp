@@ -21,6 +21,27 @@
 
 extern "C" void __sanitizer_set_death_callback(void (*callback)()) __attribute__((weak));
 
+#if defined(__SANITIZE_THREAD__)
+#define EXPLORE_TSAN 1
+#elif defined(__has_feature)
+#if __has_feature(thread_sanitizer)
+#define EXPLORE_TSAN 1
+#endif
+#endif
+
+#if defined(EXPLORE_TSAN)
+extern "C" {
+void AnnotateIgnoreSyncBegin(char const* file, int line);
+void AnnotateIgnoreSyncEnd(char const* file, int line);
+void AnnotateIgnoreReadsBegin(char const* file, int line);
+void AnnotateIgnoreReadsEnd(char const* file, int line);
+void AnnotateIgnoreWritesBegin(char const* file, int line);
+void AnnotateIgnoreWritesEnd(char const* file, int line);
+void __tsan_acquire(void* address);
+void __tsan_release(void* address);
+}
+#endif
+
 namespace explore {
 namespace {
 
@@ -54,6 +75,65 @@ struct Choice {
 };
 
 thread_local Thread* tSelf = nullptr;
+
+// Under ThreadSanitizer the scheduler's own locking stays out of sight: otherwise every token
+// passed would order the threads, and a race in the code under test would never show. What a
+// run's threads may rely on is ordered explicitly: a spawn before the thread, a thread's end or
+// idle wait before a join or settle.
+// Set by runMain before any run (Options::showRaces); constant while threads run.
+bool gHidden = false;
+#if defined(EXPLORE_TSAN)
+struct Unseen {
+  Unseen() {
+    if (gHidden) {
+      AnnotateIgnoreSyncBegin(__FILE__, __LINE__);
+      AnnotateIgnoreReadsBegin(__FILE__, __LINE__);
+      AnnotateIgnoreWritesBegin(__FILE__, __LINE__);
+    }
+  }
+  ~Unseen() {
+    if (gHidden) {
+      AnnotateIgnoreWritesEnd(__FILE__, __LINE__);
+      AnnotateIgnoreReadsEnd(__FILE__, __LINE__);
+      AnnotateIgnoreSyncEnd(__FILE__, __LINE__);
+    }
+  }
+};
+// Inside an Unseen region: the spawner's work is ordered before the new thread.
+struct SeenSync {
+  SeenSync() {
+    if (gHidden) {
+      AnnotateIgnoreSyncEnd(__FILE__, __LINE__);
+    }
+  }
+  ~SeenSync() {
+    if (gHidden) {
+      AnnotateIgnoreSyncBegin(__FILE__, __LINE__);
+    }
+  }
+};
+void publish(void* address) {
+  __tsan_release(address);
+}
+void observe(void* address) {
+  __tsan_acquire(address);
+}
+#else
+struct Unseen {};
+struct SeenSync {
+  // Not trivial, so that an unused instance draws no warning.
+  SeenSync() {}
+};
+void publish(void*) {}
+void observe(void*) {}
+#endif
+
+// The scheduler's mutex, held.
+struct Token {
+  explicit Token(std::mutex& mutex) : lock(mutex) {}
+  Unseen unseen;
+  std::unique_lock<std::mutex> lock;
+};
 
 // The schedule running now, as its replay string, for a report from a signal handler.
 char gReplay[8192];
@@ -130,17 +210,19 @@ class Run {
   // Runs `body` as "main" to its end. False when the run had to stop (its threads stay blocked
   // and the run must be leaked).
   bool execute(std::function<void()> const& body) {
-    std::unique_lock<std::mutex> lock(mMutex);
-    mRunning = addThread("main", false, body).id;
-    mChanged.notify_all();
-    mChanged.wait(lock, [this] { return mDone || !mFatal.empty(); });
-    if (!mFatal.empty()) {
-      for (auto& thread : mThreads) {
-        thread->os.detach();
+    {
+      Token token(mMutex);
+      mRunning = addThread("main", false, body).id;
+      mChanged.notify_all();
+      mChanged.wait(token.lock, [this] { return mDone || !mFatal.empty(); });
+      if (!mFatal.empty()) {
+        for (auto& thread : mThreads) {
+          thread->os.detach();
+        }
+        return false;
       }
-      return false;
     }
-    lock.unlock();
+    // In sight of ThreadSanitizer: the run's threads are done before it is destroyed.
     for (auto& thread : mThreads) {
       thread->os.join();
     }
@@ -148,7 +230,7 @@ class Run {
   }
 
   void spawn(std::string const& name, bool daemon, std::function<void()> fn) {
-    std::lock_guard<std::mutex> lock(mMutex);
+    Token token(mMutex);
     if (!daemon) {
       mExploring = true;
     }
@@ -156,7 +238,8 @@ class Run {
   }
 
   void point(Thread& me, Wait wait, char const* what, void const* object, char const* site) {
-    std::unique_lock<std::mutex> lock(mMutex);
+    Token token(mMutex);
+    std::unique_lock<std::mutex>& lock = token.lock;
     me.wait = wait;
     me.what = what;
     me.object = object;
@@ -172,20 +255,20 @@ class Run {
   void waitFor(Thread& me, Wait wait, char const* what, std::function<bool()> ready,
                char const* site) {
     {
-      std::lock_guard<std::mutex> lock(mMutex);
+      Token token(mMutex);
       me.ready = std::move(ready);
     }
     point(me, wait, what, nullptr, site);
   }
 
   void release(void const* mutex) {
-    std::lock_guard<std::mutex> lock(mMutex);
+    Token token(mMutex);
     mOwners.erase(mutex);
   }
 
   void check(bool ok, std::string const& what) {
     if (!ok) {
-      std::lock_guard<std::mutex> lock(mMutex);
+      Token token(mMutex);
       mFailures.push_back(what);
     }
   }
@@ -200,12 +283,18 @@ class Run {
     return std::all_of(mThreads.begin(), mThreads.end(),
                        [&](auto const& t) { return t.get() == &me || t->daemon || t->finished; });
   }
+  void publishJoin() { publish(&mJoin); }
+  void observeJoin() { observe(&mJoin); }
+  bool abandoned(Thread const& me) {
+    Token token(mMutex);
+    return me.abandoned;
+  }
   void stopExploring() {
-    std::lock_guard<std::mutex> lock(mMutex);
+    Token token(mMutex);
     mExploring = false;
   }
   bool exploring() {
-    std::lock_guard<std::mutex> lock(mMutex);
+    Token token(mMutex);
     return mExploring;
   }
 
@@ -224,20 +313,24 @@ class Run {
     t->daemon = daemon;
     t->priority = static_cast<uint64_t>(mOptions.depth) + mRandom() % 1000000;
     mThreads.push_back(std::move(thread));
+    SeenSync seen;
     t->os = std::thread([this, t, fn = std::move(fn)] {
       tSelf = t;
       {
-        std::unique_lock<std::mutex> lock(mMutex);
+        Token token(mMutex);
+        std::unique_lock<std::mutex>& lock = token.lock;
         waitTurn(lock, *t);
       }
       fn();
+      publish(&mJoin);
       finish(*t);
     });
     return *t;
   }
 
   void finish(Thread& me) {
-    std::unique_lock<std::mutex> lock(mMutex);
+    Token token(mMutex);
+    std::unique_lock<std::mutex>& lock = token.lock;
     me.finished = true;
     me.what = "end";
     if (!me.abandoned) {
@@ -420,6 +513,8 @@ class Run {
   std::vector<std::string> mFailures;
   std::string mFatal;
   uint64_t mSteps = 0;
+  // What threads publish at their end or idle wait, for a join or settle to observe.
+  char mJoin = 0;
 };
 
 // The next schedule of a depth-first search: the deepest choice with an untried alternative
@@ -469,6 +564,7 @@ Thread& self(char const* call) {
 }  // namespace
 
 Result explore(std::string const& name, std::function<void()> const& body, Options const& options) {
+  gHidden = options.showRaces;
   Result result;
   std::vector<int> script;
   if (!options.replay.empty() && !decode(options.replay, &script)) {
@@ -531,6 +627,7 @@ void joinAll() {
   me.run->waitFor(
       me, Wait::Until, "join", [run, &me] { return run->othersDone(me) && run->daemonsIdle(); },
       "");
+  run->observeJoin();
   run->stopExploring();
 }
 
@@ -539,6 +636,7 @@ void settle() {
   Run* run = me.run;
   run->waitFor(
       me, Wait::Until, "settle", [run] { return run->daemonsIdle(); }, "");
+  run->observeJoin();
 }
 
 void check(bool ok, std::string const& what) {
@@ -575,12 +673,14 @@ void waitUntil(char const* what, std::function<bool()> const& ready, char const*
 
 bool waitIdle(char const* what, std::function<bool()> const& ready) {
   Thread& me = self(__func__);
+  me.run->publishJoin();
   me.run->waitFor(me, Wait::Idle, what, ready, "");
-  return !me.abandoned;
+  return !me.run->abandoned(me);
 }
 
 int runMain(int argc, char** argv, std::vector<Scenario> const& scenarios) {
   Options options;
+  options.showRaces = true;
   int bound = -1;
   std::string only;
   for (int i = 1; i < argc; ++i) {

@@ -42,6 +42,10 @@ struct Options {
   std::string replay;
   bool trace = false;
   uint64_t stepLimit = 20000;
+  // Under ThreadSanitizer: keep the scheduler's hand-overs out of its sight, so that threads are
+  // ordered only by their own synchronisation (and by spawn, join and settle) and a data race
+  // between them is reported. runMain sets it.
+  bool showRaces = false;
 };
 
 struct Result {

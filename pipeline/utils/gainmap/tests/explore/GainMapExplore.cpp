@@ -212,17 +212,13 @@ void checkGone(qelcam::host::HeapStats const& base) {
         "memory outlives the pool");
 }
 
-// Frame 100 in slot 0, which a consumer holds, and frame 101 in slot 1.
-struct ReadPool {
-  std::shared_ptr<Pool> pool;
-  SlotPtr reader;
-};
-ReadPool slotZeroRead(uint32_t slots) {
-  ReadPool read{newPool(slots), nullptr};
-  produce(*read.pool, 100);
-  read.reader = read.pool->getConsumerBuffer(100, 0);
-  produce(*read.pool, 101);
-  return read;
+// Frame 100 in slot 0, which `reader` holds, and frame 101 in slot 1.
+std::shared_ptr<Pool> slotZeroRead(uint32_t slots, SlotPtr* reader) {
+  auto pool = newPool(slots);
+  produce(*pool, 100);
+  *reader = pool->getConsumerBuffer(100, 0);
+  produce(*pool, 101);
+  return pool;
 }
 
 std::vector<explore::Scenario> scenarios() {
@@ -253,7 +249,8 @@ std::vector<explore::Scenario> scenarios() {
       {"release-vs-consumer", 2,
        [] {
          auto base = qelcam::host::heapStats();
-         auto [pool, reader] = slotZeroRead(2);
+         SlotPtr reader;
+         auto pool = slotZeroRead(2, &reader);
          Hold held(reader);
          spawn("consumer", [&] {
            held.giveBack(*pool);
@@ -267,7 +264,8 @@ std::vector<explore::Scenario> scenarios() {
       {"resume-vs-consumer-return", 2,
        [] {
          auto base = qelcam::host::heapStats();
-         auto [pool, reader] = slotZeroRead(2);
+         SlotPtr reader;
+         auto pool = slotZeroRead(2, &reader);
          Hold held(reader);
          pool->setPoolReleased();
          explore::settle();
@@ -292,7 +290,8 @@ std::vector<explore::Scenario> scenarios() {
       {"growth-vs-release", 2,
        [] {
          auto base = qelcam::host::heapStats();
-         auto [pool, reader] = slotZeroRead(2);
+         SlotPtr reader;
+         auto pool = slotZeroRead(2, &reader);
          spawn("producer", [&] {
            expect("a frame", produce(*pool, 102), {"held by consumers", "released"});
          });
@@ -304,7 +303,8 @@ std::vector<explore::Scenario> scenarios() {
       {"growth-vs-release-and-resume", 2,
        [] {
          auto base = qelcam::host::heapStats();
-         auto [pool, reader] = slotZeroRead(2);
+         SlotPtr reader;
+         auto pool = slotZeroRead(2, &reader);
          spawn("producer", [&] {
            expect("a frame", produce(*pool, 102), {"held by consumers", "released"});
          });
@@ -319,7 +319,8 @@ std::vector<explore::Scenario> scenarios() {
       {"growth-at-last-slot-vs-slot-0-return", 2,
        [] {
          auto base = qelcam::host::heapStats();
-         auto [pool, reader] = slotZeroRead(2);
+         SlotPtr reader;
+         auto pool = slotZeroRead(2, &reader);
          // Slot 0 is busy: the rotation grows by slot 2, and the producer goes round to it.
          produce(*pool, 102);
          explore::settle();
@@ -335,7 +336,8 @@ std::vector<explore::Scenario> scenarios() {
       {"last-reference-vs-queued-growth", 2,
        [] {
          auto base = qelcam::host::heapStats();
-         auto [pool, reader] = slotZeroRead(2);
+         SlotPtr reader;
+         auto pool = slotZeroRead(2, &reader);
          std::shared_ptr<Pool> producerRef = pool;
          std::shared_ptr<Pool> clientRef = std::move(pool);
          spawn("producer", [&] {
@@ -391,6 +393,38 @@ std::vector<explore::Scenario> scenarios() {
          });
          explore::joinAll();
          check(manager->getPool(kSensor) == nullptr, "getPool finds a destroyed pool");
+         checkGone(base);
+       }},
+      {"resume-vs-multi-mode-holder", 2,
+       [] {
+         auto base = qelcam::host::heapStats();
+         auto modes = params(1);
+         modes.sensorSizes = {{0, MSize(5760, 160)}, {1, MSize(5760, 120)}};
+         auto pool = std::make_shared<Pool>(modes, false);
+         explore::settle();
+         SlotPtr writing = pool->getProducerBuffer();
+         auto tall = writing->buffersBySize.at(MSize(5760, 160));
+         // A holder reads its slot as clients do, without the slot's lock: the resume, which
+         // reaches every slot of a multi-mode pool, must write nothing there (ThreadSanitizer
+         // sees a write as a race).
+         spawn("holder", [&] {
+           for (char const* read : {"read", "read again"}) {
+             explore::point(read);
+             check(writing->useSizeMap && writing->buffersBySize.size() == 2 &&
+                       writing->buffersBySize.at(MSize(5760, 160)) == tall,
+                   "a multi-mode slot changed under its holder");
+           }
+         });
+         spawn("client", [&] {
+           pool->setPoolReleased();
+           pool->setPoolResume();
+         });
+         explore::joinAll();
+         expect("setProducerBuffer", outcome(pool->setProducerBuffer(5, 0, writing)), {"0"});
+         // A multi-mode slot's buffers go with the slot object.
+         tall.clear();
+         writing.reset();
+         pool.reset();
          checkGone(base);
        }},
       {"frames-flow-while-released-and-resumed", 1,
