@@ -58,7 +58,6 @@ struct Thread {
   // The run has ended while this daemon waited idle: it stops.
   bool abandoned = false;
   Wait wait = Wait::None;
-  void const* mutex = nullptr;
   std::function<bool()> ready;
   // The point the thread stands at, for traces and failure reports.
   char const* what = "start";
@@ -76,42 +75,27 @@ struct Choice {
 
 thread_local Thread* tSelf = nullptr;
 
-// Under ThreadSanitizer the scheduler's own locking stays out of sight: otherwise every token
-// passed would order the threads, and a race in the code under test would never show. What a
-// run's threads may rely on is ordered explicitly: a spawn before the thread, a thread's end or
-// idle wait before a join or settle.
-// Set by runMain before any run (Options::showRaces); constant while threads run.
+// Under ThreadSanitizer the scheduler's own locking can stay out of sight (Options::showRaces):
+// otherwise every token passed would order the threads, and a race in the code under test would
+// never show. What a run's threads may rely on is then ordered explicitly: a spawn before the
+// thread, a thread's end or idle wait before a join or settle. Set before any run, constant while
+// threads run.
 bool gHidden = false;
 #if defined(EXPLORE_TSAN)
-struct Unseen {
-  Unseen() {
-    if (gHidden) {
-      AnnotateIgnoreSyncBegin(__FILE__, __LINE__);
-      AnnotateIgnoreReadsBegin(__FILE__, __LINE__);
-      AnnotateIgnoreWritesBegin(__FILE__, __LINE__);
-    }
+void hideSync(bool hide) {
+  if (gHidden) {
+    hide ? AnnotateIgnoreSyncBegin(__FILE__, __LINE__) : AnnotateIgnoreSyncEnd(__FILE__, __LINE__);
   }
-  ~Unseen() {
-    if (gHidden) {
-      AnnotateIgnoreWritesEnd(__FILE__, __LINE__);
-      AnnotateIgnoreReadsEnd(__FILE__, __LINE__);
-      AnnotateIgnoreSyncEnd(__FILE__, __LINE__);
-    }
+}
+void hideAccesses(bool hide) {
+  if (gHidden && hide) {
+    AnnotateIgnoreReadsBegin(__FILE__, __LINE__);
+    AnnotateIgnoreWritesBegin(__FILE__, __LINE__);
+  } else if (gHidden) {
+    AnnotateIgnoreWritesEnd(__FILE__, __LINE__);
+    AnnotateIgnoreReadsEnd(__FILE__, __LINE__);
   }
-};
-// Inside an Unseen region: the spawner's work is ordered before the new thread.
-struct SeenSync {
-  SeenSync() {
-    if (gHidden) {
-      AnnotateIgnoreSyncEnd(__FILE__, __LINE__);
-    }
-  }
-  ~SeenSync() {
-    if (gHidden) {
-      AnnotateIgnoreSyncBegin(__FILE__, __LINE__);
-    }
-  }
-};
+}
 void publish(void* address) {
   __tsan_release(address);
 }
@@ -119,14 +103,27 @@ void observe(void* address) {
   __tsan_acquire(address);
 }
 #else
-struct Unseen {};
-struct SeenSync {
-  // Not trivial, so that an unused instance draws no warning.
-  SeenSync() {}
-};
+void hideSync(bool) {}
+void hideAccesses(bool) {}
 void publish(void*) {}
 void observe(void*) {}
 #endif
+
+struct Unseen {
+  Unseen() {
+    hideSync(true);
+    hideAccesses(true);
+  }
+  ~Unseen() {
+    hideAccesses(false);
+    hideSync(false);
+  }
+};
+// Inside an Unseen region: the spawner's work is ordered before the new thread.
+struct SeenSync {
+  SeenSync() { hideSync(false); }
+  ~SeenSync() { hideSync(true); }
+};
 
 // The scheduler's mutex, held.
 struct Token {

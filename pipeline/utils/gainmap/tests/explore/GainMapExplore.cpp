@@ -4,7 +4,7 @@
 // checks every call's outcome against the ones the protocol allows, then the pool at rest.
 
 #include <cstdio>
-#include <cstring>
+#include <functional>
 #include <initializer_list>
 #include <memory>
 #include <string>
@@ -28,6 +28,9 @@ using ULogger = NSCam::Utils::ULog::ULogger;
 
 constexpr int kSensor = 3;
 constexpr int kUniKey = 77;
+
+// The image memory when the scenario's run began; "main" sets and reads it.
+qelcam::host::HeapStats base;
 
 // The reason of this thread's last refused call, from the pool's refusal events.
 thread_local std::string tRefusal;
@@ -184,7 +187,7 @@ bool readDump(Pool& pool, std::vector<SlotRow>* slots) {
 // Once the threads have ended and the queue is idle: users are back to zero, a released pool's
 // slots hold no memory, an active pool lends every slot with its buffers, and the memory alive is
 // one heap per slot that has buffers, none of them dropped while locked.
-void checkAtRest(Pool& pool, qelcam::host::HeapStats const& base) {
+void checkAtRest(Pool& pool) {
   std::vector<SlotRow> slots;
   bool const released = readDump(pool, &slots);
   uint64_t withBuffers = 0;
@@ -206,7 +209,7 @@ void checkAtRest(Pool& pool, qelcam::host::HeapStats const& base) {
 }
 
 // After the last pool went: no heap and no locked buffer is left.
-void checkGone(qelcam::host::HeapStats const& base) {
+void checkGone() {
   auto const stats = qelcam::host::heapStats();
   check(stats.heapsAlive == base.heapsAlive && stats.buffersLocked == base.buffersLocked,
         "memory outlives the pool");
@@ -221,226 +224,220 @@ std::shared_ptr<Pool> slotZeroRead(uint32_t slots, SlotPtr* reader) {
   return pool;
 }
 
+// Every scenario ends with its pools gone and their memory with them.
+explore::Scenario scenario(std::string name, int bound, std::function<void()> body) {
+  return {std::move(name), bound, [body = std::move(body)] {
+            base = qelcam::host::heapStats();
+            body();
+            checkGone();
+          }};
+}
+
 std::vector<explore::Scenario> scenarios() {
   return {
-      {"release-vs-producer-get", 2,
-       [] {
-         auto base = qelcam::host::heapStats();
-         auto pool = newPool(2);
-         spawn("producer", [&] { expect("a frame", produce(*pool, 1), {"0", "released"}); });
-         spawn("client", [&] { pool->setPoolReleased(); });
-         explore::joinAll();
-         checkAtRest(*pool, base);
-         pool.reset();
-         checkGone(base);
-       }},
-      {"release-vs-producer-set", 2,
-       [] {
-         auto base = qelcam::host::heapStats();
-         auto pool = newPool(2);
-         SlotPtr writing = pool->getProducerBuffer();
-         spawn("producer", [&] {
-           expect("setProducerBuffer", outcome(pool->setProducerBuffer(100, 1, writing)), {"0"});
-         });
-         spawn("client", [&] { pool->setPoolReleased(); });
-         explore::joinAll();
-         checkAtRest(*pool, base);
-       }},
-      {"release-vs-consumer", 2,
-       [] {
-         auto base = qelcam::host::heapStats();
-         SlotPtr reader;
-         auto pool = slotZeroRead(2, &reader);
-         Hold held(reader);
-         spawn("consumer", [&] {
-           held.giveBack(*pool);
-           // A borrow that passed the released mark just before the release task freed slot 1.
-           borrow(*pool, 101, 1, {"lent", "released", "buffers released"});
-         });
-         spawn("client", [&] { pool->setPoolReleased(); });
-         explore::joinAll();
-         checkAtRest(*pool, base);
-       }},
-      {"resume-vs-consumer-return", 2,
-       [] {
-         auto base = qelcam::host::heapStats();
-         SlotPtr reader;
-         auto pool = slotZeroRead(2, &reader);
-         Hold held(reader);
-         pool->setPoolReleased();
-         explore::settle();
-         spawn("consumer", [&] { held.giveBack(*pool); });
-         spawn("client", [&] { pool->setPoolResume(); });
-         explore::joinAll();
-         checkAtRest(*pool, base);
-       }},
-      {"resume-vs-stale-consumer", 2,
-       [] {
-         auto base = qelcam::host::heapStats();
-         auto pool = newPool(2);
-         produce(*pool, 100);
-         pool->setPoolReleased();
-         explore::settle();
-         // A frame from before the release may be lent on the slot's fresh memory.
-         spawn("consumer", [&] { borrow(*pool, 100, 0, {"lent", "released"}); });
-         spawn("client", [&] { pool->setPoolResume(); });
-         explore::joinAll();
-         checkAtRest(*pool, base);
-       }},
-      {"growth-vs-release", 2,
-       [] {
-         auto base = qelcam::host::heapStats();
-         SlotPtr reader;
-         auto pool = slotZeroRead(2, &reader);
-         spawn("producer", [&] {
-           expect("a frame", produce(*pool, 102), {"held by consumers", "released"});
-         });
-         spawn("client", [&] { pool->setPoolReleased(); });
-         explore::joinAll();
-         pool->setConsumerBuffer(reader);
-         checkAtRest(*pool, base);
-       }},
-      {"growth-vs-release-and-resume", 2,
-       [] {
-         auto base = qelcam::host::heapStats();
-         SlotPtr reader;
-         auto pool = slotZeroRead(2, &reader);
-         spawn("producer", [&] {
-           expect("a frame", produce(*pool, 102), {"held by consumers", "released"});
-         });
-         spawn("client", [&] {
-           pool->setPoolReleased();
-           pool->setPoolResume();
-         });
-         explore::joinAll();
-         pool->setConsumerBuffer(reader);
-         checkAtRest(*pool, base);
-       }},
-      {"growth-at-last-slot-vs-slot-0-return", 2,
-       [] {
-         auto base = qelcam::host::heapStats();
-         SlotPtr reader;
-         auto pool = slotZeroRead(2, &reader);
-         // Slot 0 is busy: the rotation grows by slot 2, and the producer goes round to it.
-         produce(*pool, 102);
-         explore::settle();
-         pool->setConsumerBuffer(reader);
-         produce(*pool, 102);
-         produce(*pool, 103);
-         Hold held(pool->getConsumerBuffer(102, 0));
-         spawn("producer", [&] { expect("a frame", produce(*pool, 104), {"0"}); });
-         spawn("consumer", [&] { held.giveBack(*pool); });
-         explore::joinAll();
-         checkAtRest(*pool, base);
-       }},
-      {"last-reference-vs-queued-growth", 2,
-       [] {
-         auto base = qelcam::host::heapStats();
-         SlotPtr reader;
-         auto pool = slotZeroRead(2, &reader);
-         std::shared_ptr<Pool> producerRef = pool;
-         std::shared_ptr<Pool> clientRef = std::move(pool);
-         spawn("producer", [&] {
-           expect("a frame", produce(*producerRef, 102), {"held by consumers"});
-           producerRef.reset();
-         });
-         spawn("client", [&] { clientRef.reset(); });
-         explore::joinAll();
-         // The pool freed the held slot's buffers as it went; the slot object lives on.
-         check(buffersOf(reader).empty(), "a held slot keeps buffers after the pool went");
-         checkGone(base);
-       }},
-      {"create-pool-replacing-a-lending-pool", 2,
-       [] {
-         auto base = qelcam::host::heapStats();
-         auto manager = std::make_shared<GainMapBufPoolMgrImp>();
-         manager->createPool(params(2), false);
-         explore::settle();
-         auto old = std::static_pointer_cast<Pool>(manager->getPool(kSensor));
-         SlotPtr writing = old->getProducerBuffer();
-         spawn("producer", [&] {
-           expect("setProducerBuffer", outcome(old->setProducerBuffer(100, 1, writing)), {"0"});
-           expect("a frame", produce(*old, 101), {"0"});
-           old.reset();
-         });
-         spawn("client", [&] {
-           expect("createPool", outcome(manager->createPool(params(2), false)), {"0"});
-         });
-         explore::joinAll();
-         // The replaced pool went with its last holder; the new one lends.
-         auto fresh = std::static_pointer_cast<Pool>(manager->getPool(kSensor));
-         check(fresh != nullptr, "no pool after createPool");
-         checkAtRest(*fresh, base);
-         fresh.reset();
-         manager.reset();
-         checkGone(base);
-       }},
-      {"destroy-all-pools-while-a-slot-is-held", 2,
-       [] {
-         auto base = qelcam::host::heapStats();
-         auto manager = std::make_shared<GainMapBufPoolMgrImp>();
-         manager->createPool(params(2), false);
-         explore::settle();
-         auto pool = std::static_pointer_cast<Pool>(manager->getPool(kSensor));
-         produce(*pool, 100);
-         Hold held(pool->getConsumerBuffer(100, 0));
-         spawn("consumer", [&] {
-           held.giveBack(*pool);
-           pool.reset();
-         });
-         spawn("client", [&] {
-           expect("destroyAllPools", outcome(manager->destroyAllPools(kUniKey)), {"0"});
-         });
-         explore::joinAll();
-         check(manager->getPool(kSensor) == nullptr, "getPool finds a destroyed pool");
-         checkGone(base);
-       }},
-      {"resume-vs-multi-mode-holder", 2,
-       [] {
-         auto base = qelcam::host::heapStats();
-         auto modes = params(1);
-         modes.sensorSizes = {{0, MSize(5760, 160)}, {1, MSize(5760, 120)}};
-         auto pool = std::make_shared<Pool>(modes, false);
-         explore::settle();
-         SlotPtr writing = pool->getProducerBuffer();
-         auto tall = writing->buffersBySize.at(MSize(5760, 160));
-         // A holder reads its slot as clients do, without the slot's lock: the resume, which
-         // reaches every slot of a multi-mode pool, must write nothing there (ThreadSanitizer
-         // sees a write as a race).
-         spawn("holder", [&] {
-           for (char const* read : {"read", "read again"}) {
-             explore::point(read);
-             check(writing->useSizeMap && writing->buffersBySize.size() == 2 &&
-                       writing->buffersBySize.at(MSize(5760, 160)) == tall,
-                   "a multi-mode slot changed under its holder");
-           }
-         });
-         spawn("client", [&] {
-           pool->setPoolReleased();
-           pool->setPoolResume();
-         });
-         explore::joinAll();
-         expect("setProducerBuffer", outcome(pool->setProducerBuffer(5, 0, writing)), {"0"});
-         // A multi-mode slot's buffers go with the slot object.
-         tall.clear();
-         writing.reset();
-         pool.reset();
-         checkGone(base);
-       }},
-      {"frames-flow-while-released-and-resumed", 1,
-       [] {
-         auto base = qelcam::host::heapStats();
-         auto pool = newPool(2);
-         produce(*pool, 100);
-         spawn("producer", [&] { expect("a frame", produce(*pool, 101), {"0", "released"}); });
-         spawn("consumer", [&] { borrow(*pool, 100, 0, {"lent", "released"}); });
-         spawn("client", [&] {
-           pool->setPoolReleased();
-           pool->setPoolResume();
-         });
-         explore::joinAll();
-         checkAtRest(*pool, base);
-       }},
+      scenario("release-vs-producer-get", 2,
+               [] {
+                 auto pool = newPool(2);
+                 spawn("producer", [&] {
+                   expect("a frame", produce(*pool, 1), {"0", "released"});
+                 });
+                 spawn("client", [&] { pool->setPoolReleased(); });
+                 explore::joinAll();
+                 checkAtRest(*pool);
+               }),
+      scenario("release-vs-producer-set", 2,
+               [] {
+                 auto pool = newPool(2);
+                 SlotPtr writing = pool->getProducerBuffer();
+                 spawn("producer", [&] {
+                   expect("setProducerBuffer", outcome(pool->setProducerBuffer(100, 1, writing)),
+                          {"0"});
+                 });
+                 spawn("client", [&] { pool->setPoolReleased(); });
+                 explore::joinAll();
+                 checkAtRest(*pool);
+               }),
+      scenario("release-vs-consumer", 2,
+               [] {
+                 SlotPtr reader;
+                 auto pool = slotZeroRead(2, &reader);
+                 Hold held(reader);
+                 spawn("consumer", [&] {
+                   held.giveBack(*pool);
+                   // A borrow that passed the released mark just before the release task freed
+                   // slot 1.
+                   borrow(*pool, 101, 1, {"lent", "released", "buffers released"});
+                 });
+                 spawn("client", [&] { pool->setPoolReleased(); });
+                 explore::joinAll();
+                 checkAtRest(*pool);
+               }),
+      scenario("resume-vs-consumer-return", 2,
+               [] {
+                 SlotPtr reader;
+                 auto pool = slotZeroRead(2, &reader);
+                 Hold held(reader);
+                 pool->setPoolReleased();
+                 explore::settle();
+                 spawn("consumer", [&] { held.giveBack(*pool); });
+                 spawn("client", [&] { pool->setPoolResume(); });
+                 explore::joinAll();
+                 checkAtRest(*pool);
+               }),
+      scenario("resume-vs-stale-consumer", 2,
+               [] {
+                 auto pool = newPool(2);
+                 produce(*pool, 100);
+                 pool->setPoolReleased();
+                 explore::settle();
+                 // A frame from before the release may be lent on the slot's fresh memory.
+                 spawn("consumer", [&] { borrow(*pool, 100, 0, {"lent", "released"}); });
+                 spawn("client", [&] { pool->setPoolResume(); });
+                 explore::joinAll();
+                 checkAtRest(*pool);
+               }),
+      scenario("growth-vs-release", 2,
+               [] {
+                 SlotPtr reader;
+                 auto pool = slotZeroRead(2, &reader);
+                 spawn("producer", [&] {
+                   expect("a frame", produce(*pool, 102), {"held by consumers", "released"});
+                 });
+                 spawn("client", [&] { pool->setPoolReleased(); });
+                 explore::joinAll();
+                 pool->setConsumerBuffer(reader);
+                 checkAtRest(*pool);
+               }),
+      scenario("growth-vs-release-and-resume", 2,
+               [] {
+                 SlotPtr reader;
+                 auto pool = slotZeroRead(2, &reader);
+                 spawn("producer", [&] {
+                   expect("a frame", produce(*pool, 102), {"held by consumers", "released"});
+                 });
+                 spawn("client", [&] {
+                   pool->setPoolReleased();
+                   pool->setPoolResume();
+                 });
+                 explore::joinAll();
+                 pool->setConsumerBuffer(reader);
+                 checkAtRest(*pool);
+               }),
+      scenario("growth-at-last-slot-vs-slot-0-return", 2,
+               [] {
+                 SlotPtr reader;
+                 auto pool = slotZeroRead(2, &reader);
+                 // Slot 0 is busy: the rotation grows by slot 2, and the producer goes round to it.
+                 produce(*pool, 102);
+                 explore::settle();
+                 pool->setConsumerBuffer(reader);
+                 produce(*pool, 102);
+                 produce(*pool, 103);
+                 Hold held(pool->getConsumerBuffer(102, 0));
+                 spawn("producer", [&] { expect("a frame", produce(*pool, 104), {"0"}); });
+                 spawn("consumer", [&] { held.giveBack(*pool); });
+                 explore::joinAll();
+                 checkAtRest(*pool);
+               }),
+      scenario("last-reference-vs-queued-growth", 2,
+               [] {
+                 SlotPtr reader;
+                 auto pool = slotZeroRead(2, &reader);
+                 std::shared_ptr<Pool> producerRef = pool;
+                 std::shared_ptr<Pool> clientRef = std::move(pool);
+                 spawn("producer", [&] {
+                   expect("a frame", produce(*producerRef, 102), {"held by consumers"});
+                   producerRef.reset();
+                 });
+                 spawn("client", [&] { clientRef.reset(); });
+                 explore::joinAll();
+                 // The pool freed the held slot's buffers as it went; the slot object lives on.
+                 check(buffersOf(reader).empty(), "a held slot keeps buffers after the pool went");
+                 checkGone();
+               }),
+      scenario("create-pool-replacing-a-lending-pool", 2,
+               [] {
+                 auto manager = std::make_shared<GainMapBufPoolMgrImp>();
+                 manager->createPool(params(2), false);
+                 explore::settle();
+                 auto old = std::static_pointer_cast<Pool>(manager->getPool(kSensor));
+                 SlotPtr writing = old->getProducerBuffer();
+                 spawn("producer", [&] {
+                   expect("setProducerBuffer", outcome(old->setProducerBuffer(100, 1, writing)),
+                          {"0"});
+                   expect("a frame", produce(*old, 101), {"0"});
+                   old.reset();
+                 });
+                 spawn("client", [&] {
+                   expect("createPool", outcome(manager->createPool(params(2), false)), {"0"});
+                 });
+                 explore::joinAll();
+                 // The replaced pool went with its last holder; the new one lends.
+                 auto fresh = std::static_pointer_cast<Pool>(manager->getPool(kSensor));
+                 check(fresh != nullptr, "no pool after createPool");
+                 checkAtRest(*fresh);
+               }),
+      scenario("destroy-all-pools-while-a-slot-is-held", 2,
+               [] {
+                 auto manager = std::make_shared<GainMapBufPoolMgrImp>();
+                 manager->createPool(params(2), false);
+                 explore::settle();
+                 auto pool = std::static_pointer_cast<Pool>(manager->getPool(kSensor));
+                 produce(*pool, 100);
+                 Hold held(pool->getConsumerBuffer(100, 0));
+                 spawn("consumer", [&] {
+                   held.giveBack(*pool);
+                   pool.reset();
+                 });
+                 spawn("client", [&] {
+                   expect("destroyAllPools", outcome(manager->destroyAllPools(kUniKey)), {"0"});
+                 });
+                 explore::joinAll();
+                 check(manager->getPool(kSensor) == nullptr, "getPool finds a destroyed pool");
+                 checkGone();
+               }),
+      scenario("resume-vs-multi-mode-holder", 2,
+               [] {
+                 auto modes = params(1);
+                 modes.sensorSizes = {{0, MSize(5760, 160)}, {1, MSize(5760, 120)}};
+                 auto pool = std::make_shared<Pool>(modes, false);
+                 explore::settle();
+                 SlotPtr writing = pool->getProducerBuffer();
+                 auto const tall = writing->buffersBySize.at(MSize(5760, 160));
+                 // A holder reads its slot as clients do, without the slot's lock: the resume,
+                 // which reaches every slot of a multi-mode pool, must write nothing there
+                 // (ThreadSanitizer sees a write as a race).
+                 spawn("holder", [&] {
+                   for (char const* read : {"read", "read again"}) {
+                     explore::point(read);
+                     check(writing->useSizeMap && writing->buffersBySize.size() == 2 &&
+                               writing->buffersBySize.at(MSize(5760, 160)) == tall,
+                           "a multi-mode slot changed under its holder");
+                   }
+                 });
+                 spawn("client", [&] {
+                   pool->setPoolReleased();
+                   pool->setPoolResume();
+                 });
+                 explore::joinAll();
+                 expect("setProducerBuffer", outcome(pool->setProducerBuffer(5, 0, writing)),
+                        {"0"});
+               }),
+      scenario("frames-flow-while-released-and-resumed", 1,
+               [] {
+                 auto pool = newPool(2);
+                 produce(*pool, 100);
+                 spawn("producer", [&] {
+                   expect("a frame", produce(*pool, 101), {"0", "released"});
+                 });
+                 spawn("consumer", [&] { borrow(*pool, 100, 0, {"lent", "released"}); });
+                 spawn("client", [&] {
+                   pool->setPoolReleased();
+                   pool->setPoolResume();
+                 });
+                 explore::joinAll();
+                 checkAtRest(*pool);
+               }),
   };
 }
 
