@@ -233,211 +233,227 @@ explore::Scenario scenario(std::string name, int bound, std::function<void()> bo
           }};
 }
 
+// A release against the producer taking a slot: lent with its buffers, or refused as released.
+void releaseVsProducerGet() {
+  auto pool = newPool(2);
+  spawn("producer", [&] { expect("a frame", produce(*pool, 1), {"0", "released"}); });
+  spawn("client", [&] { pool->setPoolReleased(); });
+  explore::joinAll();
+  checkAtRest(*pool);
+}
+
+// A release against the producer handing its slot back: the slot is freed either way.
+void releaseVsProducerSet() {
+  auto pool = newPool(2);
+  SlotPtr writing = pool->getProducerBuffer();
+  spawn("producer", [&] {
+    expect("setProducerBuffer", outcome(pool->setProducerBuffer(100, 1, writing)), {"0"});
+  });
+  spawn("client", [&] { pool->setPoolReleased(); });
+  explore::joinAll();
+  checkAtRest(*pool);
+}
+
+// A release against a consumer that returns slot 0 and borrows slot 1.
+void releaseVsConsumer() {
+  SlotPtr reader;
+  auto pool = slotZeroRead(2, &reader);
+  Hold held(reader);
+  spawn("consumer", [&] {
+    held.giveBack(*pool);
+    // A borrow that passed the released mark just before the release task freed slot 1.
+    borrow(*pool, 101, 1, {"lent", "released", "buffers released"});
+  });
+  spawn("client", [&] { pool->setPoolReleased(); });
+  explore::joinAll();
+  checkAtRest(*pool);
+}
+
+// A resume against the return of a slot held since before the release: it keeps its memory.
+void resumeVsConsumerReturn() {
+  SlotPtr reader;
+  auto pool = slotZeroRead(2, &reader);
+  Hold held(reader);
+  pool->setPoolReleased();
+  explore::settle();
+  spawn("consumer", [&] { held.giveBack(*pool); });
+  spawn("client", [&] { pool->setPoolResume(); });
+  explore::joinAll();
+  checkAtRest(*pool);
+}
+
+// A resume against a consumer quoting a frame from before the release.
+void resumeVsStaleConsumer() {
+  auto pool = newPool(2);
+  produce(*pool, 100);
+  pool->setPoolReleased();
+  explore::settle();
+  // A frame from before the release may be lent on the slot's fresh memory.
+  spawn("consumer", [&] { borrow(*pool, 100, 0, {"lent", "released"}); });
+  spawn("client", [&] { pool->setPoolResume(); });
+  explore::joinAll();
+  checkAtRest(*pool);
+}
+
+// A growth of the rotation against a release: the grown slot gets no memory in a released pool.
+void growthVsRelease() {
+  SlotPtr reader;
+  auto pool = slotZeroRead(2, &reader);
+  spawn("producer", [&] {
+    expect("a frame", produce(*pool, 102), {"held by consumers", "released"});
+  });
+  spawn("client", [&] { pool->setPoolReleased(); });
+  explore::joinAll();
+  pool->setConsumerBuffer(reader);
+  checkAtRest(*pool);
+}
+
+// A growth against a release and a resume: the grown slot is allocated once.
+void growthVsReleaseAndResume() {
+  SlotPtr reader;
+  auto pool = slotZeroRead(2, &reader);
+  spawn("producer", [&] {
+    expect("a frame", produce(*pool, 102), {"held by consumers", "released"});
+  });
+  spawn("client", [&] {
+    pool->setPoolReleased();
+    pool->setPoolResume();
+  });
+  explore::joinAll();
+  pool->setConsumerBuffer(reader);
+  checkAtRest(*pool);
+}
+
+// The producer takes the newest slot while slot 0's consumer returns it.
+void growthAtLastSlotVsSlot0Return() {
+  SlotPtr reader;
+  auto pool = slotZeroRead(2, &reader);
+  // Slot 0 is busy: the rotation grows by slot 2, and the producer goes round to it.
+  produce(*pool, 102);
+  explore::settle();
+  pool->setConsumerBuffer(reader);
+  produce(*pool, 102);
+  produce(*pool, 103);
+  Hold held(pool->getConsumerBuffer(102, 0));
+  spawn("producer", [&] { expect("a frame", produce(*pool, 104), {"0"}); });
+  spawn("consumer", [&] { held.giveBack(*pool); });
+  explore::joinAll();
+  checkAtRest(*pool);
+}
+
+// The pool's last reference dropped while a growth is queued.
+void lastReferenceVsQueuedGrowth() {
+  SlotPtr reader;
+  auto pool = slotZeroRead(2, &reader);
+  std::shared_ptr<Pool> producerRef = pool;
+  std::shared_ptr<Pool> clientRef = std::move(pool);
+  spawn("producer", [&] {
+    expect("a frame", produce(*producerRef, 102), {"held by consumers"});
+    producerRef.reset();
+  });
+  spawn("client", [&] { clientRef.reset(); });
+  explore::joinAll();
+  // The pool freed the held slot's buffers as it went; the slot object lives on.
+  check(buffersOf(reader).empty(), "a held slot keeps buffers after the pool went");
+  checkGone();
+}
+
+// createPool replaces a pool whose producer is still lending.
+void createPoolReplacingALendingPool() {
+  auto manager = std::make_shared<GainMapBufPoolMgrImp>();
+  manager->createPool(params(2), false);
+  explore::settle();
+  auto old = std::static_pointer_cast<Pool>(manager->getPool(kSensor));
+  SlotPtr writing = old->getProducerBuffer();
+  spawn("producer", [&] {
+    expect("setProducerBuffer", outcome(old->setProducerBuffer(100, 1, writing)), {"0"});
+    expect("a frame", produce(*old, 101), {"0"});
+    old.reset();
+  });
+  spawn("client",
+        [&] { expect("createPool", outcome(manager->createPool(params(2), false)), {"0"}); });
+  explore::joinAll();
+  // The replaced pool went with its last holder; the new one lends.
+  auto fresh = std::static_pointer_cast<Pool>(manager->getPool(kSensor));
+  check(fresh != nullptr, "no pool after createPool");
+  checkAtRest(*fresh);
+}
+
+// destroyAllPools while a consumer holds a slot and returns it.
+void destroyAllPoolsWhileASlotIsHeld() {
+  auto manager = std::make_shared<GainMapBufPoolMgrImp>();
+  manager->createPool(params(2), false);
+  explore::settle();
+  auto pool = std::static_pointer_cast<Pool>(manager->getPool(kSensor));
+  produce(*pool, 100);
+  Hold held(pool->getConsumerBuffer(100, 0));
+  spawn("consumer", [&] {
+    held.giveBack(*pool);
+    pool.reset();
+  });
+  spawn("client",
+        [&] { expect("destroyAllPools", outcome(manager->destroyAllPools(kUniKey)), {"0"}); });
+  explore::joinAll();
+  check(manager->getPool(kSensor) == nullptr, "getPool finds a destroyed pool");
+  checkGone();
+}
+
+// A release and resume against a holder of a multi-mode slot.
+void resumeVsMultiModeHolder() {
+  auto modes = params(1);
+  modes.sensorSizes = {{0, MSize(5760, 160)}, {1, MSize(5760, 120)}};
+  auto pool = std::make_shared<Pool>(modes, false);
+  explore::settle();
+  SlotPtr writing = pool->getProducerBuffer();
+  auto const tall = writing->buffersBySize.at(MSize(5760, 160));
+  // A holder reads its slot as clients do, without the slot's lock: the resume, which reaches
+  // every slot of a multi-mode pool, must write nothing there (ThreadSanitizer sees a write as a
+  // race).
+  spawn("holder", [&] {
+    for (char const* read : {"read", "read again"}) {
+      explore::point(read);
+      check(writing->useSizeMap && writing->buffersBySize.size() == 2 &&
+                writing->buffersBySize.at(MSize(5760, 160)) == tall,
+            "a multi-mode slot changed under its holder");
+    }
+  });
+  spawn("client", [&] {
+    pool->setPoolReleased();
+    pool->setPoolResume();
+  });
+  explore::joinAll();
+  expect("setProducerBuffer", outcome(pool->setProducerBuffer(5, 0, writing)), {"0"});
+}
+
+// A frame produced and one consumed while the pool is released and resumed.
+void framesFlowWhileReleasedAndResumed() {
+  auto pool = newPool(2);
+  produce(*pool, 100);
+  spawn("producer", [&] { expect("a frame", produce(*pool, 101), {"0", "released"}); });
+  spawn("consumer", [&] { borrow(*pool, 100, 0, {"lent", "released", "buffers released"}); });
+  spawn("client", [&] {
+    pool->setPoolReleased();
+    pool->setPoolResume();
+  });
+  explore::joinAll();
+  checkAtRest(*pool);
+}
+
 std::vector<explore::Scenario> scenarios() {
   return {
-      scenario("release-vs-producer-get", 2,
-               [] {
-                 auto pool = newPool(2);
-                 spawn("producer", [&] {
-                   expect("a frame", produce(*pool, 1), {"0", "released"});
-                 });
-                 spawn("client", [&] { pool->setPoolReleased(); });
-                 explore::joinAll();
-                 checkAtRest(*pool);
-               }),
-      scenario("release-vs-producer-set", 2,
-               [] {
-                 auto pool = newPool(2);
-                 SlotPtr writing = pool->getProducerBuffer();
-                 spawn("producer", [&] {
-                   expect("setProducerBuffer", outcome(pool->setProducerBuffer(100, 1, writing)),
-                          {"0"});
-                 });
-                 spawn("client", [&] { pool->setPoolReleased(); });
-                 explore::joinAll();
-                 checkAtRest(*pool);
-               }),
-      scenario("release-vs-consumer", 2,
-               [] {
-                 SlotPtr reader;
-                 auto pool = slotZeroRead(2, &reader);
-                 Hold held(reader);
-                 spawn("consumer", [&] {
-                   held.giveBack(*pool);
-                   // A borrow that passed the released mark just before the release task freed
-                   // slot 1.
-                   borrow(*pool, 101, 1, {"lent", "released", "buffers released"});
-                 });
-                 spawn("client", [&] { pool->setPoolReleased(); });
-                 explore::joinAll();
-                 checkAtRest(*pool);
-               }),
-      scenario("resume-vs-consumer-return", 2,
-               [] {
-                 SlotPtr reader;
-                 auto pool = slotZeroRead(2, &reader);
-                 Hold held(reader);
-                 pool->setPoolReleased();
-                 explore::settle();
-                 spawn("consumer", [&] { held.giveBack(*pool); });
-                 spawn("client", [&] { pool->setPoolResume(); });
-                 explore::joinAll();
-                 checkAtRest(*pool);
-               }),
-      scenario("resume-vs-stale-consumer", 2,
-               [] {
-                 auto pool = newPool(2);
-                 produce(*pool, 100);
-                 pool->setPoolReleased();
-                 explore::settle();
-                 // A frame from before the release may be lent on the slot's fresh memory.
-                 spawn("consumer", [&] { borrow(*pool, 100, 0, {"lent", "released"}); });
-                 spawn("client", [&] { pool->setPoolResume(); });
-                 explore::joinAll();
-                 checkAtRest(*pool);
-               }),
-      scenario("growth-vs-release", 2,
-               [] {
-                 SlotPtr reader;
-                 auto pool = slotZeroRead(2, &reader);
-                 spawn("producer", [&] {
-                   expect("a frame", produce(*pool, 102), {"held by consumers", "released"});
-                 });
-                 spawn("client", [&] { pool->setPoolReleased(); });
-                 explore::joinAll();
-                 pool->setConsumerBuffer(reader);
-                 checkAtRest(*pool);
-               }),
-      scenario("growth-vs-release-and-resume", 2,
-               [] {
-                 SlotPtr reader;
-                 auto pool = slotZeroRead(2, &reader);
-                 spawn("producer", [&] {
-                   expect("a frame", produce(*pool, 102), {"held by consumers", "released"});
-                 });
-                 spawn("client", [&] {
-                   pool->setPoolReleased();
-                   pool->setPoolResume();
-                 });
-                 explore::joinAll();
-                 pool->setConsumerBuffer(reader);
-                 checkAtRest(*pool);
-               }),
-      scenario("growth-at-last-slot-vs-slot-0-return", 2,
-               [] {
-                 SlotPtr reader;
-                 auto pool = slotZeroRead(2, &reader);
-                 // Slot 0 is busy: the rotation grows by slot 2, and the producer goes round to it.
-                 produce(*pool, 102);
-                 explore::settle();
-                 pool->setConsumerBuffer(reader);
-                 produce(*pool, 102);
-                 produce(*pool, 103);
-                 Hold held(pool->getConsumerBuffer(102, 0));
-                 spawn("producer", [&] { expect("a frame", produce(*pool, 104), {"0"}); });
-                 spawn("consumer", [&] { held.giveBack(*pool); });
-                 explore::joinAll();
-                 checkAtRest(*pool);
-               }),
-      scenario("last-reference-vs-queued-growth", 2,
-               [] {
-                 SlotPtr reader;
-                 auto pool = slotZeroRead(2, &reader);
-                 std::shared_ptr<Pool> producerRef = pool;
-                 std::shared_ptr<Pool> clientRef = std::move(pool);
-                 spawn("producer", [&] {
-                   expect("a frame", produce(*producerRef, 102), {"held by consumers"});
-                   producerRef.reset();
-                 });
-                 spawn("client", [&] { clientRef.reset(); });
-                 explore::joinAll();
-                 // The pool freed the held slot's buffers as it went; the slot object lives on.
-                 check(buffersOf(reader).empty(), "a held slot keeps buffers after the pool went");
-                 checkGone();
-               }),
-      scenario("create-pool-replacing-a-lending-pool", 2,
-               [] {
-                 auto manager = std::make_shared<GainMapBufPoolMgrImp>();
-                 manager->createPool(params(2), false);
-                 explore::settle();
-                 auto old = std::static_pointer_cast<Pool>(manager->getPool(kSensor));
-                 SlotPtr writing = old->getProducerBuffer();
-                 spawn("producer", [&] {
-                   expect("setProducerBuffer", outcome(old->setProducerBuffer(100, 1, writing)),
-                          {"0"});
-                   expect("a frame", produce(*old, 101), {"0"});
-                   old.reset();
-                 });
-                 spawn("client", [&] {
-                   expect("createPool", outcome(manager->createPool(params(2), false)), {"0"});
-                 });
-                 explore::joinAll();
-                 // The replaced pool went with its last holder; the new one lends.
-                 auto fresh = std::static_pointer_cast<Pool>(manager->getPool(kSensor));
-                 check(fresh != nullptr, "no pool after createPool");
-                 checkAtRest(*fresh);
-               }),
-      scenario("destroy-all-pools-while-a-slot-is-held", 2,
-               [] {
-                 auto manager = std::make_shared<GainMapBufPoolMgrImp>();
-                 manager->createPool(params(2), false);
-                 explore::settle();
-                 auto pool = std::static_pointer_cast<Pool>(manager->getPool(kSensor));
-                 produce(*pool, 100);
-                 Hold held(pool->getConsumerBuffer(100, 0));
-                 spawn("consumer", [&] {
-                   held.giveBack(*pool);
-                   pool.reset();
-                 });
-                 spawn("client", [&] {
-                   expect("destroyAllPools", outcome(manager->destroyAllPools(kUniKey)), {"0"});
-                 });
-                 explore::joinAll();
-                 check(manager->getPool(kSensor) == nullptr, "getPool finds a destroyed pool");
-                 checkGone();
-               }),
-      scenario("resume-vs-multi-mode-holder", 2,
-               [] {
-                 auto modes = params(1);
-                 modes.sensorSizes = {{0, MSize(5760, 160)}, {1, MSize(5760, 120)}};
-                 auto pool = std::make_shared<Pool>(modes, false);
-                 explore::settle();
-                 SlotPtr writing = pool->getProducerBuffer();
-                 auto const tall = writing->buffersBySize.at(MSize(5760, 160));
-                 // A holder reads its slot as clients do, without the slot's lock: the resume,
-                 // which reaches every slot of a multi-mode pool, must write nothing there
-                 // (ThreadSanitizer sees a write as a race).
-                 spawn("holder", [&] {
-                   for (char const* read : {"read", "read again"}) {
-                     explore::point(read);
-                     check(writing->useSizeMap && writing->buffersBySize.size() == 2 &&
-                               writing->buffersBySize.at(MSize(5760, 160)) == tall,
-                           "a multi-mode slot changed under its holder");
-                   }
-                 });
-                 spawn("client", [&] {
-                   pool->setPoolReleased();
-                   pool->setPoolResume();
-                 });
-                 explore::joinAll();
-                 expect("setProducerBuffer", outcome(pool->setProducerBuffer(5, 0, writing)),
-                        {"0"});
-               }),
-      scenario("frames-flow-while-released-and-resumed", 1,
-               [] {
-                 auto pool = newPool(2);
-                 produce(*pool, 100);
-                 spawn("producer", [&] {
-                   expect("a frame", produce(*pool, 101), {"0", "released"});
-                 });
-                 spawn("consumer", [&] { borrow(*pool, 100, 0, {"lent", "released"}); });
-                 spawn("client", [&] {
-                   pool->setPoolReleased();
-                   pool->setPoolResume();
-                 });
-                 explore::joinAll();
-                 checkAtRest(*pool);
-               }),
+      scenario("release-vs-producer-get", 2, releaseVsProducerGet),
+      scenario("release-vs-producer-set", 2, releaseVsProducerSet),
+      scenario("release-vs-consumer", 2, releaseVsConsumer),
+      scenario("resume-vs-consumer-return", 2, resumeVsConsumerReturn),
+      scenario("resume-vs-stale-consumer", 2, resumeVsStaleConsumer),
+      scenario("growth-vs-release", 2, growthVsRelease),
+      scenario("growth-vs-release-and-resume", 2, growthVsReleaseAndResume),
+      scenario("growth-at-last-slot-vs-slot-0-return", 2, growthAtLastSlotVsSlot0Return),
+      scenario("last-reference-vs-queued-growth", 2, lastReferenceVsQueuedGrowth),
+      scenario("create-pool-replacing-a-lending-pool", 2, createPoolReplacingALendingPool),
+      scenario("destroy-all-pools-while-a-slot-is-held", 2, destroyAllPoolsWhileASlotIsHeld),
+      scenario("resume-vs-multi-mode-holder", 2, resumeVsMultiModeHolder),
+      scenario("frames-flow-while-released-and-resumed", 1, framesFlowWhileReleasedAndResumed),
   };
 }
 
