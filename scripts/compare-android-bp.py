@@ -36,6 +36,11 @@ CMAKE_ONLY = {
     "gainmap_model": "it runs the model's driver",
     "gainmap_soak": "it counts image memory through the host's heap statistics",
     "gainmap_fuzz": "a libFuzzer program, built by scripts/test.sh fuzz",
+    "gainmap_explore": "the explorer's scheduler, a host tool for the interleaving scenarios",
+    "gainmap_explore_platform": "the host platform with the explorer's task manager",
+    "gainmap_explore_selftest": "it tests the explorer's scheduler",
+    "gainmap_explore_pool": "the pool with scheduling points, built only for the explorer",
+    "gainmap_explore_pool_scenarios": "it runs the pool under the explorer",
 }
 
 

@@ -4,6 +4,9 @@
 #                                        installs the package into a temporary prefix and builds
 #                                        and runs its consumer
 #   scripts/test.sh asan                 g++ with AddressSanitizer + UBSan, in build-asan/
+#   plain, asan and tsan also explore every interleaving scenario of the pool to its preemption
+#   bound (gainmap_explore_pool_scenarios, outside CTest; under tsan it reports data races too);
+#   scripts/test.sh plain|asan|tsan RUNS then samples RUNS more schedules of each with PCT
 #   scripts/test.sh tsan                 clang with ThreadSanitizer and -Wthread-safety, in build-tsan/
 #   scripts/test.sh arm64                aarch64-linux-gnu-g++, in build-arm64/, every test run under
 #                                        qemu-aarch64; the library also built with clang for arm64
@@ -27,7 +30,7 @@ case "$flavour" in
     packages=("${GAINMAP_ARM64_PACKAGES[@]}")
     ;;
   fuzz) dir=build-fuzz; cc=clang; cxx=clang++; sanitize="address,undefined,fuzzer-no-link" ;;
-  *) echo "usage: scripts/test.sh [plain|asan|tsan|arm64|fuzz [SECONDS]]" >&2; exit 2 ;;
+  *) echo "usage: scripts/test.sh [plain|asan|tsan [PCT_RUNS]|arm64|fuzz [SECONDS]]" >&2; exit 2 ;;
 esac
 gainmap_install_deps "${packages[@]}"
 # The benchmarks are built, not run, in the plain flavour, so that they keep compiling.
@@ -37,6 +40,10 @@ benchmarks=OFF
 configure=(cmake -S . -B "$dir" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo
            -DGAINMAP_SANITIZE="$sanitize" -DGAINMAP_BUILD_BENCHMARKS="$benchmarks")
 [ "$flavour" = fuzz ] && configure+=(-DGAINMAP_BUILD_FUZZERS=ON)
+# The explorer's copy of the pool and its scenarios; they run below, outside CTest.
+explore=OFF
+case "$flavour" in plain | asan | tsan) explore=ON ;; esac
+configure+=(-DGAINMAP_SCHEDULING_POINTS="$explore")
 if [ -n "$toolchain" ]; then
   "${configure[@]}" -DCMAKE_TOOLCHAIN_FILE="$toolchain" >/dev/null
 else
@@ -61,9 +68,16 @@ case "$flavour" in
       -DCMAKE_TOOLCHAIN_FILE=cmake/toolchains/aarch64-linux-gnu-clang.cmake >/dev/null
     cmake --build build-arm64-clang -j"$(nproc)" --target qelcam_gainmappool
     ;;
-  plain)
+  plain | asan | tsan)
     ctest --test-dir "$dir" --output-on-failure -j"$(nproc)"
-    scripts/check-package.sh "$dir"
+    scenarios="$dir/pipeline/utils/gainmap/tests/explore/gainmap_explore_pool_scenarios"
+    "$scenarios"
+    if [ -n "${2:-}" ]; then
+      "$scenarios" --pct "$2" --seed "$(date +%s)"
+    fi
+    if [ "$flavour" = plain ]; then
+      scripts/check-package.sh "$dir"
+    fi
     ;;
   *) ctest --test-dir "$dir" --output-on-failure -j"$(nproc)" ;;
 esac

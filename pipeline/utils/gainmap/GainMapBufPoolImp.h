@@ -36,7 +36,7 @@ class GainMapBufPoolImp final : public NSCam::v3::Utils::IGainMapBufPool {
     // Set once the slot has buffers; never cleared. Release store after the buffers are filed,
     // acquire loads by the producer (which reads it before taking the slot's lock) and by the
     // pre-allocation task: whoever sees it true sees the slot's buffers.
-    std::atomic<bool> ready{false};
+    gainmap::Atomic<bool> ready{false};
   };
 
   GainMapBufPoolImp(PoolParameters const& params, bool laggingAlloc);
@@ -119,7 +119,7 @@ class GainMapBufPoolImp final : public NSCam::v3::Utils::IGainMapBufPool {
   // before the new slot's task is posted; the set and consumer paths read it with acquire loads
   // and no lock, for a range check only: the slot's own lock orders its fields, and mSlots never
   // changes once mbInitialized is published.
-  std::atomic<uint32_t> mSlotCount;
+  gainmap::Atomic<uint32_t> mSlotCount;
   uint32_t mMaxSlotCount;
   bool mbLaggingAlloc;
   // the producer's round-robin cursor; always below mSlotCount
@@ -135,10 +135,10 @@ class GainMapBufPoolImp final : public NSCam::v3::Utils::IGainMapBufPool {
   // Acquire loads without a lock refuse early; the producer loads it again under mLock, which
   // orders it against the release task, and a returning user frees a slot only with the slot's own
   // mark, set under the slot's lock, so neither path needs a stronger order.
-  std::atomic<bool> mbReleased;
+  gainmap::Atomic<bool> mbReleased;
   // Release store at the end of creation, after mSlots is filled: an acquire load that sees true
   // sees every slot object.
-  std::atomic<bool> mbInitialized;
+  gainmap::Atomic<bool> mbInitialized;
   ImgParamMap mImgParams;
   ImgParam mAllocParam;
   ImgBufInfoMap mImgBufInfos;

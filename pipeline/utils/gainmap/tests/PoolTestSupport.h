@@ -4,24 +4,19 @@
 // the pool logs, and puts the platform's globals back after each test.
 
 #include <gtest/gtest.h>
-#include <sys/syscall.h>
-#include <unistd.h>
 
 #include <atomic>
 #include <chrono>
-#include <condition_variable>
 #include <cstdarg>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
-#include <fstream>
 #include <functional>
 #include <future>
 #include <list>
 #include <memory>
 #include <mutex>
 #include <string>
-#include <thread>
 #include <unordered_map>
 #include <vector>
 
@@ -82,15 +77,6 @@ inline void waitIdle(std::string const& what = "the task queues to go idle") {
   }
 }
 
-// Waits for `condition`, signalled through `changed` under `lock`, with a bound.
-template <class Predicate>
-void waitUntil(std::condition_variable& changed, std::unique_lock<std::mutex>& lock,
-               Predicate condition, std::string const& what) {
-  if (!changed.wait_for(lock, kPatience, condition)) {
-    giveUp(what);
-  }
-}
-
 template <class T>
 T getWithin(std::future<T>& future, std::string const& what) {
   if (future.wait_for(kPatience) != std::future_status::ready) {
@@ -99,68 +85,17 @@ T getWithin(std::future<T>& future, std::string const& what) {
   return future.get();
 }
 
-inline pid_t currentThreadId() {
-  return static_cast<pid_t>(::syscall(SYS_gettid));
-}
-
-// The futex word a thread sleeps on in the kernel, or 0 when it is not in a system call whose
-// first argument is an address. The call's number is not checked: under user-mode emulation the
-// kernel reports the host's numbering, and two threads in one call on one address are what the
-// callers look for.
-inline uintptr_t futexWaitedOn(pid_t tid) {
-  constexpr uintptr_t kFirstPage = 4096;
-  std::ifstream in("/proc/self/task/" + std::to_string(tid) + "/syscall");
-  long number = -1;
-  std::string address;
-  if (!(in >> number >> address) || number < 0) {
-    return 0;
-  }
-  auto const word = static_cast<uintptr_t>(std::stoull(address, nullptr, 16));
-  return word < kFirstPage ? 0 : word;
-}
-
-// Returns once `first` and then `second` sleep on one and the same futex, that is, on a lock that
-// a third thread holds. The kernel wakes waiters of one word in the order they began to wait, so
-// when the holder lets go, `first` takes the lock before `second`. A lock wait is visible only to
-// the kernel; this reads it there.
-inline void waitUntilQueuedOnOneLock(pid_t first, pid_t second, std::string const& what) {
-  auto deadline = std::chrono::steady_clock::now() + kPatience;
-  uintptr_t word = 0;
-  while ((word = futexWaitedOn(first)) == 0) {
-    if (std::chrono::steady_clock::now() > deadline) {
-      giveUp(what);
-    }
-    std::this_thread::yield();
-  }
-  while (futexWaitedOn(second) != word || futexWaitedOn(first) != word) {
-    if (std::chrono::steady_clock::now() > deadline) {
-      giveUp(what);
-    }
-    std::this_thread::yield();
-  }
-}
-
 // Stands in for the platform's logger while alive: every line still reaches the logger it
-// replaced (and so the capture), and chosen lines act on, or stop, the thread that writes them.
+// replaced (and so the capture), and chosen lines act on the thread that writes them.
 // Create and destroy it only while the queues are idle: the platform reads the logger pointer
 // without a lock.
 class ScriptedLogger : public NSCam::Utils::ULog::ULogger {
  public:
   ScriptedLogger() : mPrevious(ULogger::sULogger) { ULogger::sULogger = this; }
 
-  // Lets every parked thread go, waits until the queues have run what they hold, then puts the
-  // replaced logger back.
+  // Waits until the queues have run what they hold, then puts the replaced logger back.
   ~ScriptedLogger() override {
-    {
-      std::unique_lock<std::mutex> lock(mMutex);
-      for (Cue& cue : mCues) {
-        cue.open = true;
-      }
-      mChanged.notify_all();
-      waitUntil(
-          mChanged, lock, [&] { return mParked == 0; }, "parked threads to leave the logger");
-    }
-    waitIdle("the task queues to go idle after the scripted logger let go");
+    waitIdle("the task queues to go idle after the scripted logger");
     ULogger::sULogger = mPrevious;
   }
 
@@ -170,59 +105,19 @@ class ScriptedLogger : public NSCam::Utils::ULog::ULogger {
   // The first thread that writes a line beginning with `line` runs `action` right after it.
   void onLine(std::string line, std::function<void()> action) {
     std::lock_guard<std::mutex> lock(mMutex);
-    mCues.push_back(Cue{std::move(line), false, std::move(action)});
-  }
-
-  // The first thread that writes a line beginning with `line` stops right after it, until
-  // letGo(line).
-  void parkOn(std::string line) {
-    std::lock_guard<std::mutex> lock(mMutex);
-    mCues.push_back(Cue{std::move(line), true, nullptr});
-  }
-
-  // Waits until `line` has been written and its action run (or its writer parked); returns the
-  // writer's thread id.
-  pid_t waitFor(std::string const& line) {
-    std::unique_lock<std::mutex> lock(mMutex);
-    Cue& cue = find(line);
-    waitUntil(
-        mChanged, lock, [&] { return cue.park ? cue.parked : cue.acted; },
-        "the line \"" + line + "\"");
-    return cue.writer;
-  }
-
-  void letGo(std::string const& line) {
-    std::lock_guard<std::mutex> lock(mMutex);
-    find(line).open = true;
-    mChanged.notify_all();
+    mCues.push_back(Cue{std::move(line), std::move(action), false});
   }
 
   void write(uint32_t moduleId, char const* tag, int level, char const* text, int length) override {
     mPrevious->write(moduleId, tag, level, text, length);
     std::unique_lock<std::mutex> lock(mMutex);
     for (Cue& cue : mCues) {
-      if (cue.writer != 0 || std::string(text).rfind(cue.line, 0) != 0) {
+      if (cue.fired || std::string(text).rfind(cue.line, 0) != 0) {
         continue;
       }
-      cue.writer = currentThreadId();
-      mChanged.notify_all();
-      if (cue.action) {
-        lock.unlock();
-        cue.action();
-        lock.lock();
-        cue.acted = true;
-        mChanged.notify_all();
-        return;
-      }
-      if (cue.park) {
-        cue.parked = true;
-        ++mParked;
-        mChanged.notify_all();
-        waitUntil(
-            mChanged, lock, [&] { return cue.open; }, "the test to let \"" + cue.line + "\" go");
-        --mParked;
-        mChanged.notify_all();
-      }
+      cue.fired = true;
+      lock.unlock();
+      cue.action();
       return;
     }
   }
@@ -230,29 +125,14 @@ class ScriptedLogger : public NSCam::Utils::ULog::ULogger {
  private:
   struct Cue {
     std::string line;
-    bool park;
     std::function<void()> action;
-    pid_t writer = 0;
-    bool acted = false;
-    bool parked = false;
-    bool open = false;
+    bool fired;
   };
-
-  Cue& find(std::string const& line) {
-    for (Cue& cue : mCues) {
-      if (cue.line == line) {
-        return cue;
-      }
-    }
-    giveUp("a cue that was never set: \"" + line + "\"");
-  }
 
   ULogger* const mPrevious;
   std::mutex mMutex;
-  std::condition_variable mChanged;
-  // A list: cues keep their place while threads wait on them.
+  // A list: cues keep their place while their actions run.
   std::list<Cue> mCues;
-  int mParked = 0;
 };
 
 inline PoolParameters poolParams(std::unordered_map<uint32_t, MSize> sizes, uint32_t batchSize,

@@ -1,0 +1,480 @@
+// The pool's interleavings, every schedule up to each scenario's preemption bound: a copy of the
+// pool and the manager built with scheduling points, run by the explorer (tools/gainmap-explore).
+// Each scenario sets a pool up, lets two or three client threads and the pool's queue race, and
+// checks every call's outcome against the ones the protocol allows, then the pool at rest.
+
+#include <cstdio>
+#include <functional>
+#include <initializer_list>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "Explorer.h"
+#include "GainMapBufPoolImp.h"
+#include "GainMapBufPoolMgrImp.h"
+#include "HostPlatform.h"
+#include "camsys/ULog.h"
+
+namespace {
+
+using explore::check;
+using explore::spawn;
+using NSCam::MSize;
+using Pool = GainMapBufPoolImp;
+using SlotImp = GainMapBufPoolImp::BufSlotImp;
+using SlotPtr = std::shared_ptr<NSCam::v3::Utils::IGainMapBufPool::BufSlot>;
+using ULogger = NSCam::Utils::ULog::ULogger;
+
+constexpr int kSensor = 3;
+constexpr int kUniKey = 77;
+
+// The image memory when the scenario's run began; "main" sets and reads it.
+qelcam::host::HeapStats base;
+
+// The reason of this thread's last refused call, from the pool's refusal events.
+thread_local std::string tRefusal;
+
+std::string takeRefusal() {
+  std::string reason = tRefusal.empty() ? "no reason" : tRefusal;
+  tRefusal.clear();
+  return reason;
+}
+
+// What a call gave: "lent" or "0", else the refusal's reason.
+std::string outcome(SlotPtr const& slot) {
+  return slot ? "lent" : takeRefusal();
+}
+std::string outcome(int status) {
+  return status == 0 ? "0" : takeRefusal();
+}
+
+void expect(char const* call, std::string const& got, std::initializer_list<char const*> allowed) {
+  for (char const* one : allowed) {
+    if (got == one) {
+      return;
+    }
+  }
+  check(false, std::string(call) + " gave \"" + got + "\", which the protocol does not allow here");
+}
+
+Pool::PoolParameters params(uint32_t slots) {
+  Pool::PoolParameters p;
+  p.sensorId = kSensor;
+  // Gain maps of 576x16 bytes.
+  p.sensorSizes = {{0, MSize(5760, 160)}};
+  p.batchSize = 1;
+  p.slotCount = slots;
+  p.uniKey = kUniKey;
+  return p;
+}
+
+std::shared_ptr<Pool> newPool(uint32_t slots) {
+  auto pool = std::make_shared<Pool>(params(slots), false);
+  explore::settle();
+  return pool;
+}
+
+std::vector<std::shared_ptr<qcam::IImageBuffer>> buffersOf(SlotPtr const& slot) {
+  auto imp = std::static_pointer_cast<SlotImp>(slot);
+  gainmap::MutexLocker lock(imp->lock);
+  return imp->buffers;
+}
+
+uint8_t* bytesOf(SlotPtr const& slot) {
+  auto buffers = buffersOf(slot);
+  return buffers.empty() ? nullptr : reinterpret_cast<uint8_t*>(buffers[0]->getBufVA(0));
+}
+
+// A lent slot of a single-mode pool always carries its buffers.
+void checkHasBuffers(SlotPtr const& slot, char const* who) {
+  if (slot) {
+    check(!buffersOf(slot).empty(),
+          std::string(who) + " was lent slot " + std::to_string(slot->index) + " without buffers");
+  }
+}
+
+// The producer's frame: takes a slot, stamps its first byte with the key and hands it back.
+std::string produce(Pool& pool, long key) {
+  SlotPtr slot = pool.getProducerBuffer();
+  checkHasBuffers(slot, "the producer");
+  if (!slot) {
+    return takeRefusal();
+  }
+  if (uint8_t* bytes = bytesOf(slot)) {
+    bytes[0] = static_cast<uint8_t>(key);
+  }
+  return outcome(pool.setProducerBuffer(key, 1, slot));
+}
+
+// A consumer holding `slot` for frame `key`: nobody may change its buffers or their bytes.
+struct Hold {
+  SlotPtr slot;
+  std::vector<std::shared_ptr<qcam::IImageBuffer>> buffers;
+  uint8_t first = 0;
+
+  Hold(SlotPtr lent) : slot(std::move(lent)), buffers(buffersOf(slot)) {
+    checkHasBuffers(slot, "a consumer");
+    first = buffers.empty() ? 0 : *bytesOf(slot);
+  }
+  void giveBack(Pool& pool) {
+    check(buffersOf(slot) == buffers && (buffers.empty() || *bytesOf(slot) == first),
+          "slot " + std::to_string(slot->index) + " changed under its consumer");
+    buffers.clear();
+    expect("setConsumerBuffer", outcome(pool.setConsumerBuffer(slot)), {"0"});
+  }
+};
+
+// A borrow that the schedule may refuse for one of `refusals`; a lent slot is given back.
+void borrow(Pool& pool, long key, int index, std::initializer_list<char const*> allowed) {
+  SlotPtr slot = pool.getConsumerBuffer(key, index);
+  expect("getConsumerBuffer", outcome(slot), allowed);
+  if (slot) {
+    Hold(slot).giveBack(pool);
+  }
+}
+
+struct SlotRow {
+  int producer = 0;
+  size_t consumers = 0;
+  size_t buffers = 0;
+};
+
+// Keeps the last line written, instead of the log.
+class LastLine : public ULogger {
+ public:
+  void write(uint32_t, char const*, int, char const* text, int) override { line = text; }
+  std::string line;
+};
+
+// The pool's dump, read through the log: whether it is released, and every slot's users and
+// buffers.
+bool readDump(Pool& pool, std::vector<SlotRow>* slots) {
+  uint32_t const level = ULogger::sDetailsLevel;
+  uint32_t const mask = ULogger::sNormalDetailsMask;
+  ULogger* const logger = ULogger::sULogger;
+  LastLine last;
+  ULogger::sULogger = &last;
+  ULogger::sDetailsLevel = 5;
+  ULogger::sNormalDetailsMask |= 0x201000;
+  ULogger::sMode = 2;
+  pool.dump();
+  ULogger::sMode = 0;
+  ULogger::sDetailsLevel = level;
+  ULogger::sNormalDetailsMask = mask;
+  ULogger::sULogger = logger;
+  std::string const& text = last.line;
+  int released = 0;
+  int used = 0;
+  std::sscanf(text.c_str(),
+              "[dump] [s:%*d] released(%d) (p, c, validSize, key, buffers.size()): {%n", &released,
+              &used);
+  check(used > 0, "no dump: " + text);
+  for (char const* item = text.c_str() + used;;) {
+    SlotRow row;
+    used = 0;
+    if (std::sscanf(item, "[%*d]: (%d, %zu, %*d, %*d, %zu), %n", &row.producer, &row.consumers,
+                    &row.buffers, &used) != 3 ||
+        used == 0) {
+      break;
+    }
+    slots->push_back(row);
+    item += used;
+  }
+  return released != 0;
+}
+
+// Once the threads have ended and the queue is idle: users are back to zero, a released pool's
+// slots hold no memory, an active pool lends every slot with its buffers, and the memory alive is
+// one heap per slot that has buffers.
+void checkAtRest(Pool& pool) {
+  std::vector<SlotRow> slots;
+  bool const released = readDump(pool, &slots);
+  uint64_t withBuffers = 0;
+  for (size_t i = 0; i < slots.size(); ++i) {
+    check(slots[i].producer == 0 && slots[i].consumers == 0,
+          "slot " + std::to_string(i) + " still has users at rest");
+    check(!released || slots[i].buffers == 0,
+          "slot " + std::to_string(i) + " of a released pool keeps its memory");
+    withBuffers += slots[i].buffers;
+  }
+  auto const stats = qelcam::host::heapStats();
+  check(stats.heapsAlive - base.heapsAlive == withBuffers,
+        std::to_string(stats.heapsAlive - base.heapsAlive) + " heaps alive for " +
+            std::to_string(withBuffers) + " slots with buffers");
+  for (uint32_t i = 0; !released && i < pool.getMaxSlotCount(); ++i) {
+    expect("a frame at rest", produce(pool, 1000 + i), {"0"});
+  }
+}
+
+// After the last pool went: no heap and no locked buffer is left, and none was dropped locked.
+void checkGone() {
+  auto const stats = qelcam::host::heapStats();
+  check(stats.heapsAlive == base.heapsAlive && stats.buffersLocked == base.buffersLocked,
+        "memory outlives the pool");
+  check(stats.buffersDroppedLocked == base.buffersDroppedLocked,
+        std::to_string(stats.buffersDroppedLocked - base.buffersDroppedLocked) +
+            " buffers dropped while locked");
+}
+
+// Frame 100 in slot 0, which `reader` holds, and frame 101 in slot 1.
+std::shared_ptr<Pool> slotZeroRead(uint32_t slots, SlotPtr* reader) {
+  auto pool = newPool(slots);
+  produce(*pool, 100);
+  *reader = pool->getConsumerBuffer(100, 0);
+  produce(*pool, 101);
+  return pool;
+}
+
+// Every scenario ends with its pools gone and their memory with them.
+explore::Scenario scenario(std::string name, int bound, std::function<void()> body) {
+  return {std::move(name), bound, [body = std::move(body)] {
+            base = qelcam::host::heapStats();
+            body();
+            checkGone();
+          }};
+}
+
+// A release against the producer taking a slot: lent with its buffers, or refused as released.
+void releaseVsProducerGet() {
+  auto pool = newPool(2);
+  spawn("producer", [&] { expect("a frame", produce(*pool, 1), {"0", "released"}); });
+  spawn("client", [&] { pool->setPoolReleased(); });
+  explore::joinAll();
+  checkAtRest(*pool);
+}
+
+// A release against the producer handing its slot back: the slot is freed either way.
+void releaseVsProducerSet() {
+  auto pool = newPool(2);
+  SlotPtr writing = pool->getProducerBuffer();
+  spawn("producer", [&] {
+    expect("setProducerBuffer", outcome(pool->setProducerBuffer(100, 1, writing)), {"0"});
+  });
+  spawn("client", [&] { pool->setPoolReleased(); });
+  explore::joinAll();
+  checkAtRest(*pool);
+}
+
+// A release against a consumer that returns slot 0 and borrows slot 1.
+void releaseVsConsumer() {
+  SlotPtr reader;
+  auto pool = slotZeroRead(2, &reader);
+  Hold held(reader);
+  spawn("consumer", [&] {
+    held.giveBack(*pool);
+    // A borrow that passed the released mark just before the release task freed slot 1.
+    borrow(*pool, 101, 1, {"lent", "released", "buffers released"});
+  });
+  spawn("client", [&] { pool->setPoolReleased(); });
+  explore::joinAll();
+  checkAtRest(*pool);
+}
+
+// A resume against the return of a slot held since before the release: it keeps its memory.
+void resumeVsConsumerReturn() {
+  SlotPtr reader;
+  auto pool = slotZeroRead(2, &reader);
+  Hold held(reader);
+  pool->setPoolReleased();
+  explore::settle();
+  spawn("consumer", [&] { held.giveBack(*pool); });
+  spawn("client", [&] { pool->setPoolResume(); });
+  explore::joinAll();
+  checkAtRest(*pool);
+}
+
+// A resume against a consumer quoting a frame from before the release.
+void resumeVsStaleConsumer() {
+  auto pool = newPool(2);
+  produce(*pool, 100);
+  pool->setPoolReleased();
+  explore::settle();
+  // A frame from before the release may be lent on the slot's fresh memory.
+  spawn("consumer", [&] { borrow(*pool, 100, 0, {"lent", "released"}); });
+  spawn("client", [&] { pool->setPoolResume(); });
+  explore::joinAll();
+  checkAtRest(*pool);
+}
+
+// A growth of the rotation against a release: the grown slot gets no memory in a released pool.
+void growthVsRelease() {
+  SlotPtr reader;
+  auto pool = slotZeroRead(2, &reader);
+  spawn("producer", [&] {
+    expect("a frame", produce(*pool, 102), {"held by consumers", "released"});
+  });
+  spawn("client", [&] { pool->setPoolReleased(); });
+  explore::joinAll();
+  pool->setConsumerBuffer(reader);
+  checkAtRest(*pool);
+}
+
+// A growth against a release and a resume: the grown slot is allocated once.
+void growthVsReleaseAndResume() {
+  SlotPtr reader;
+  auto pool = slotZeroRead(2, &reader);
+  spawn("producer", [&] {
+    expect("a frame", produce(*pool, 102), {"held by consumers", "released"});
+  });
+  spawn("client", [&] {
+    pool->setPoolReleased();
+    pool->setPoolResume();
+  });
+  explore::joinAll();
+  pool->setConsumerBuffer(reader);
+  checkAtRest(*pool);
+}
+
+// The producer takes the newest slot while slot 0's consumer returns it.
+void growthAtLastSlotVsSlot0Return() {
+  SlotPtr reader;
+  auto pool = slotZeroRead(2, &reader);
+  // Slot 0 is busy: the rotation grows by slot 2, and the producer goes round to it.
+  produce(*pool, 102);
+  explore::settle();
+  pool->setConsumerBuffer(reader);
+  produce(*pool, 102);
+  produce(*pool, 103);
+  Hold held(pool->getConsumerBuffer(102, 0));
+  spawn("producer", [&] { expect("a frame", produce(*pool, 104), {"0"}); });
+  spawn("consumer", [&] { held.giveBack(*pool); });
+  explore::joinAll();
+  checkAtRest(*pool);
+}
+
+// The pool's last reference dropped while a growth is queued.
+void lastReferenceVsQueuedGrowth() {
+  SlotPtr reader;
+  auto pool = slotZeroRead(2, &reader);
+  std::shared_ptr<Pool> producerRef = pool;
+  std::shared_ptr<Pool> clientRef = std::move(pool);
+  spawn("producer", [&] {
+    expect("a frame", produce(*producerRef, 102), {"held by consumers"});
+    producerRef.reset();
+  });
+  spawn("client", [&] { clientRef.reset(); });
+  explore::joinAll();
+  // The pool freed the held slot's buffers as it went; the slot object lives on.
+  check(buffersOf(reader).empty(), "a held slot keeps buffers after the pool went");
+  checkGone();
+}
+
+// createPool replaces a pool whose producer is still lending.
+void createPoolReplacingALendingPool() {
+  auto manager = std::make_shared<GainMapBufPoolMgrImp>();
+  manager->createPool(params(2), false);
+  explore::settle();
+  auto old = std::static_pointer_cast<Pool>(manager->getPool(kSensor));
+  SlotPtr writing = old->getProducerBuffer();
+  spawn("producer", [&] {
+    expect("setProducerBuffer", outcome(old->setProducerBuffer(100, 1, writing)), {"0"});
+    expect("a frame", produce(*old, 101), {"0"});
+    old.reset();
+  });
+  spawn("client",
+        [&] { expect("createPool", outcome(manager->createPool(params(2), false)), {"0"}); });
+  explore::joinAll();
+  // The replaced pool went with its last holder; the new one lends.
+  auto fresh = std::static_pointer_cast<Pool>(manager->getPool(kSensor));
+  check(fresh != nullptr, "no pool after createPool");
+  checkAtRest(*fresh);
+}
+
+// destroyAllPools while a consumer holds a slot and returns it.
+void destroyAllPoolsWhileASlotIsHeld() {
+  auto manager = std::make_shared<GainMapBufPoolMgrImp>();
+  manager->createPool(params(2), false);
+  explore::settle();
+  auto pool = std::static_pointer_cast<Pool>(manager->getPool(kSensor));
+  produce(*pool, 100);
+  Hold held(pool->getConsumerBuffer(100, 0));
+  spawn("consumer", [&] {
+    held.giveBack(*pool);
+    pool.reset();
+  });
+  spawn("client",
+        [&] { expect("destroyAllPools", outcome(manager->destroyAllPools(kUniKey)), {"0"}); });
+  explore::joinAll();
+  check(manager->getPool(kSensor) == nullptr, "getPool finds a destroyed pool");
+  checkGone();
+}
+
+// A release and resume against a holder of a multi-mode slot.
+void resumeVsMultiModeHolder() {
+  auto modes = params(1);
+  modes.sensorSizes = {{0, MSize(5760, 160)}, {1, MSize(5760, 120)}};
+  auto pool = std::make_shared<Pool>(modes, false);
+  explore::settle();
+  SlotPtr writing = pool->getProducerBuffer();
+  auto const tall = writing->buffersBySize.at(MSize(5760, 160));
+  // A holder reads its slot as clients do, without the slot's lock: the resume, which reaches
+  // every slot of a multi-mode pool, must write nothing there (ThreadSanitizer sees a write as a
+  // race).
+  spawn("holder", [&] {
+    for (char const* read : {"read", "read again"}) {
+      explore::point(read);
+      check(writing->useSizeMap && writing->buffersBySize.size() == 2 &&
+                writing->buffersBySize.at(MSize(5760, 160)) == tall,
+            "a multi-mode slot changed under its holder");
+    }
+  });
+  spawn("client", [&] {
+    pool->setPoolReleased();
+    pool->setPoolResume();
+  });
+  explore::joinAll();
+  expect("setProducerBuffer", outcome(pool->setProducerBuffer(5, 0, writing)), {"0"});
+  // Locked buffers are dropped twice by design: the resume made the held slot a heap and dropped
+  // its buffers of both modes, keeping the holder's; and the destructor leaves a multi-mode
+  // slot's buffers to go with the slot object.
+  base.buffersDroppedLocked += 4;
+}
+
+// A frame produced and one consumed while the pool is released and resumed.
+void framesFlowWhileReleasedAndResumed() {
+  auto pool = newPool(2);
+  produce(*pool, 100);
+  spawn("producer", [&] { expect("a frame", produce(*pool, 101), {"0", "released"}); });
+  spawn("consumer", [&] { borrow(*pool, 100, 0, {"lent", "released", "buffers released"}); });
+  spawn("client", [&] {
+    pool->setPoolReleased();
+    pool->setPoolResume();
+  });
+  explore::joinAll();
+  checkAtRest(*pool);
+}
+
+std::vector<explore::Scenario> scenarios() {
+  return {
+      scenario("release-vs-producer-get", 2, releaseVsProducerGet),
+      scenario("release-vs-producer-set", 2, releaseVsProducerSet),
+      scenario("release-vs-consumer", 2, releaseVsConsumer),
+      scenario("resume-vs-consumer-return", 2, resumeVsConsumerReturn),
+      scenario("resume-vs-stale-consumer", 2, resumeVsStaleConsumer),
+      scenario("growth-vs-release", 2, growthVsRelease),
+      scenario("growth-vs-release-and-resume", 2, growthVsReleaseAndResume),
+      scenario("growth-at-last-slot-vs-slot-0-return", 2, growthAtLastSlotVsSlot0Return),
+      scenario("last-reference-vs-queued-growth", 2, lastReferenceVsQueuedGrowth),
+      scenario("create-pool-replacing-a-lending-pool", 2, createPoolReplacingALendingPool),
+      scenario("destroy-all-pools-while-a-slot-is-held", 2, destroyAllPoolsWhileASlotIsHeld),
+      scenario("resume-vs-multi-mode-holder", 2, resumeVsMultiModeHolder),
+      scenario("frames-flow-while-released-and-resumed", 1, framesFlowWhileReleasedAndResumed),
+  };
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  // Refusals come by the thousand: no log line, but every refusal's reason, on its own thread.
+  ULogger::sMode = 0;
+  ULogger::sDetailsLevel = 1;
+  qelcam::host::TraceListener refusals(
+      [](qelcam::host::TraceEvent const& event) {
+        if (auto const* reason = event.find("reason")) {
+          tRefusal = reason->text;
+        }
+      },
+      NSCam::Utils::Trace::kInstants);
+  return explore::runMain(argc, argv, scenarios());
+}
