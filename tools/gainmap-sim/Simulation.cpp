@@ -7,13 +7,13 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstdio>
-#include <cstring>
 #include <memory>
 #include <mutex>
-#include <random>
 #include <string>
 #include <thread>
 
+#include "FramePattern.h"
+#include "Hold.h"
 #include "HostPlatform.h"
 #include "IGainMapBufPool.h"
 #include "camsys/Trace.h"
@@ -26,6 +26,7 @@ using NSCam::v3::Utils::IGainMapBufPoolManager;
 using Clock = std::chrono::steady_clock;
 using Slot = std::shared_ptr<IGainMapBufPool::BufSlot>;
 namespace trace = NSCam::Utils::Trace;
+namespace framepattern = qelcam::framepattern;
 
 // The client key under which the simulator creates, and at the end destroys, its pools.
 constexpr int32_t kUniKey = 7;
@@ -93,42 +94,6 @@ auto timed(SensorReport& tally, Call call, Fn&& fn) {
   return result;
 }
 
-// Every plane of every buffer gets its own 64-bit seed, so bytes of another frame, another buffer
-// or another plane never pass for the expected ones.
-uint64_t patternSeed(long key, size_t buffer, size_t plane) {
-  uint64_t x = static_cast<uint64_t>(key) ^ (uint64_t{buffer} << 48) ^ (uint64_t{plane} << 60);
-  x += 0x9E3779B97F4A7C15ull;
-  x = (x ^ (x >> 30)) * 0xBF58476D1CE4E5B9ull;
-  x = (x ^ (x >> 27)) * 0x94D049BB133111EBull;
-  return x ^ (x >> 31);
-}
-
-constexpr uint64_t kPatternStep = 0x9E3779B97F4A7C15ull;
-
-void writePattern(uint8_t* data, size_t size, uint64_t seed) {
-  uint64_t word = seed;
-  size_t offset = 0;
-  for (; offset + sizeof word <= size; offset += sizeof word, word += kPatternStep) {
-    std::memcpy(data + offset, &word, sizeof word);
-  }
-  std::memcpy(data + offset, &word, size - offset);
-}
-
-bool hasPattern(uint8_t const* data, size_t size, uint64_t seed) {
-  uint64_t word = seed;
-  size_t offset = 0;
-  for (; offset + sizeof word <= size; offset += sizeof word, word += kPatternStep) {
-    if (std::memcmp(data + offset, &word, sizeof word) != 0) {
-      return false;
-    }
-  }
-  return std::memcmp(data + offset, &word, size - offset) == 0;
-}
-
-bool allZero(uint8_t const* data, size_t size) {
-  return std::all_of(data, data + size, [](uint8_t byte) { return byte == 0; });
-}
-
 // What a consumer finds in a borrowed slot.
 enum class Contents { Intact, Fresh, Corrupt };
 
@@ -145,8 +110,8 @@ Contents inspect(Slot const& slot, long key) {
       if (data == nullptr) {
         return Contents::Corrupt;
       }
-      if (!hasPattern(data, size, patternSeed(key, b, p))) {
-        if (!allZero(data, size)) {
+      if (!framepattern::matches(data, size, framepattern::seedOf(key, b, p))) {
+        if (!framepattern::allZero(data, size)) {
           return Contents::Corrupt;
         }
         found = Contents::Fresh;
@@ -165,8 +130,8 @@ bool fill(Slot const& slot, size_t count, long key) {
       if (address == 0) {
         return false;
       }
-      writePattern(reinterpret_cast<uint8_t*>(address), buffer->getBufSizeInBytes(p),
-                   patternSeed(key, b, p));
+      framepattern::write(reinterpret_cast<uint8_t*>(address), buffer->getBufSizeInBytes(p),
+                          framepattern::seedOf(key, b, p));
     }
   }
   return true;
@@ -505,17 +470,16 @@ class Simulation {
   void consumerLoop(Sensor& sensor, uint32_t seed, int consumer) {
     nameThread("cons " + sensorName(sensor.config.id) + " #" + std::to_string(consumer));
     SensorReport tally;
-    std::mt19937 random(seed);
-    std::uniform_int_distribution<int> holdMs(mOptions.holdMinMs, mOptions.holdMaxMs);
+    HoldSampler holds(sensor.config.hold.value_or(mOptions.hold), seed);
     Frame frame;
     while (waitFrame(sensor, frame.seq, frame)) {
-      consumeFrame(sensor, frame, consumer, std::chrono::milliseconds(holdMs(random)), tally);
+      consumeFrame(sensor, frame, consumer, std::chrono::nanoseconds(holds.nextNs()), tally);
     }
     merge(sensor, tally);
   }
 
-  void consumeFrame(Sensor& sensor, Frame const& frame, int consumer,
-                    std::chrono::milliseconds hold, SensorReport& tally) {
+  void consumeFrame(Sensor& sensor, Frame const& frame, int consumer, std::chrono::nanoseconds hold,
+                    SensorReport& tally) {
     SimSlice slice(mTraceFlows, "consume " + sensorName(sensor.config.id));
     if (mTraceFlows) {
       trace::flowEnd(kFlowCategory, "frame", flowId(sensor, frame.seq, consumer));

@@ -42,7 +42,8 @@ int main(int argc, char** argv) {
       return 2;
     }
   }
-  auto report = gainmapsim::runSimulation(options);
+  auto report = options.virtualTime ? gainmapsim::runVirtualSimulation(options)
+                                    : gainmapsim::runSimulation(options);
   qelcam::host::stopTrace();
   gainmapsim::printReport(report, options, std::cout);
   if (json.is_open()) {

@@ -13,8 +13,8 @@ TEST(SimOptions, WithoutOptionsTheRunUsesThreeSensorsOfOneModeEach) {
   EXPECT_EQ(options.durationSec, 6);
   EXPECT_EQ(options.fps, 30);
   EXPECT_EQ(options.consumers, 3);
-  EXPECT_EQ(options.holdMinMs, 40);
-  EXPECT_EQ(options.holdMaxMs, 120);
+  EXPECT_EQ(options.hold.minMs, 40);
+  EXPECT_EQ(options.hold.maxMs, 120);
   EXPECT_EQ(options.releasePeriodMs, 2000);
   ASSERT_EQ(options.sensors.size(), 3u);
   std::vector<std::pair<int32_t, int32_t>> sizes;
@@ -34,8 +34,8 @@ TEST(SimOptions, SensorOptionsReplaceTheDefaultsAndCarryEveryField) {
   ASSERT_EQ(parsed.kind, ParseResult::Kind::Run) << parsed.error;
   Options const& options = parsed.options;
   EXPECT_EQ(options.fps, 60);
-  EXPECT_EQ(options.holdMinMs, 5);
-  EXPECT_EQ(options.holdMaxMs, 5);
+  EXPECT_EQ(options.hold.minMs, 5);
+  EXPECT_EQ(options.hold.maxMs, 5);
   ASSERT_EQ(options.sensors.size(), 2u);
   SensorConfig const& first = options.sensors[0];
   EXPECT_EQ(first.id, -3);
