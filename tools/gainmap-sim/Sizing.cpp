@@ -1,5 +1,6 @@
 #include "Sizing.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <string>
 
@@ -171,38 +172,52 @@ void printSizing(std::vector<SizingSweep> const& sweeps, Options const& options,
   out << "result: " << sizingJson(sweeps, options)["result"].get<std::string>() << "\n";
 }
 
+// A line per sweep: its points' slot counts, dropped share and peak memory in MiB.
+std::string plotData(std::vector<SizingSweep> const& sweeps) {
+  std::string data;
+  for (size_t i = 0; i < sweeps.size(); ++i) {
+    data += "$s" + std::to_string(i) + " << EOD\n";
+    for (auto const& row : sweeps[i].rows) {
+      data += std::to_string(row.slots) + " " + oneDecimal(percent(row.dropped, row.due)) + " " +
+              oneDecimal(static_cast<double>(row.peakImageBytes) / (1 << 20)) + "\n";
+    }
+    data += "EOD\n";
+  }
+  return data;
+}
+
 bool plotSizing(std::vector<SizingSweep> const& sweeps, Options const& options,
                 std::string& error) {
-  FILE* gnuplot = popen("gnuplot 2>/dev/null", "w");
-  if (gnuplot == nullptr) {
-    error = "cannot start gnuplot";
-    return false;
+  uint32_t most = 1;
+  for (auto const& result : sweeps) {
+    most = std::max<uint32_t>(most, result.rows.empty() ? 1 : result.rows.back().slots);
   }
-  std::string script;
-  for (size_t i = 0; i < sweeps.size(); ++i) {
-    script += "$s" + std::to_string(i) + " << EOD\n";
-    for (auto const& row : sweeps[i].rows) {
-      script += std::to_string(row.slots) + " " + oneDecimal(percent(row.dropped, row.due)) + " " +
-                oneDecimal(static_cast<double>(row.peakImageBytes) / (1 << 20)) + "\n";
-    }
-    script += "EOD\n";
-  }
-  script += "set terminal png size 900,800\nset output '" + options.plotPath +
-            "'\nset multiplot layout 2,1 title 'Sizing at " + std::to_string(options.fps) +
-            " fps, " + std::to_string(options.consumers) +
-            " consumers per sensor'\nset grid\nset key outside right\nset xlabel 'slotCount'\n";
+  std::string script = plotData(sweeps) + "set terminal png size 900,800\nset output '" +
+                       options.plotPath + "'\nset multiplot layout 2,1 title 'Sizing at " +
+                       std::to_string(options.fps) + " fps, " + std::to_string(options.consumers) +
+                       " consumers per sensor'\nset grid\nset key below\n"
+                       "set xlabel 'slotCount'\nset xrange [0.5:" +
+                       std::to_string(most) + ".5]\nset xtics " +
+                       std::to_string(std::max<uint32_t>(1, most / 16)) + "\n";
   for (auto const& [column, label] :
        {std::pair<int, char const*>{2, "frames dropped for busy slots (%)"},
         std::pair<int, char const*>{3, "peak image memory (MiB)"}}) {
     script += "set ylabel '" + std::string(label) + "'\nplot ";
     for (size_t i = 0; i < sweeps.size(); ++i) {
+      std::string const name = describe(sweeps[i].sensor);
       script += (i == 0 ? "" : ", ") + std::string("$s") + std::to_string(i) +
-                " using 1:" + std::to_string(column) + " with linespoints title '" +
-                describe(sweeps[i].sensor).substr(0, describe(sweeps[i].sensor).find(" (")) + "'";
+                " using 1:" + std::to_string(column) + " with linespoints lw 2 dt " +
+                std::to_string(i + 1) + " pt " + std::to_string(i + 1) + " title '" +
+                name.substr(0, name.find(" (")) + "'";
     }
     script += "\n";
   }
   script += "unset multiplot\n";
+  FILE* gnuplot = popen("gnuplot 2>/dev/null", "w");
+  if (gnuplot == nullptr) {
+    error = "cannot start gnuplot";
+    return false;
+  }
   std::fputs(script.c_str(), gnuplot);
   if (pclose(gnuplot) != 0) {
     error = "gnuplot could not draw " + options.plotPath + " (is it installed?)";
