@@ -193,7 +193,7 @@ class VirtualSimulation {
       createPool(sensor);
       qelcam::host::waitQueuesIdle();
       if (sensor.config.lagging) {
-        resume(sensor);
+        resumePool(sensor);
         qelcam::host::waitQueuesIdle();
       }
       uint64_t const slotBytes =
@@ -236,7 +236,7 @@ class VirtualSimulation {
         samplePeak();
         break;
       case EventKind::Return:
-        giveBack(sensor, sensor.consumers[event.consumer]);
+        giveBack(sensor, event.sensor, sensor.consumers[event.consumer]);
         break;
       case EventKind::Frame:
         produce(sensor, event.sensor, event.number);
@@ -248,7 +248,7 @@ class VirtualSimulation {
         release(sensor, event.sensor);
         break;
       case EventKind::Resume:
-        resume(sensor);
+        resume(sensor, event.sensor);
         break;
       case EventKind::Reconfigure:
         reconfigure();
@@ -353,7 +353,7 @@ class VirtualSimulation {
     schedule(mNow + consumer.holds.nextNs(), EventKind::Return, index, c, 0);
   }
 
-  void giveBack(Sensor& sensor, Consumer& consumer) {
+  void giveBack(Sensor& sensor, uint32_t index, Consumer& consumer) {
     SensorReport& tally = sensor.report;
     Contents contents = consumer.contents;
     // Nobody may touch a lent slot: the frame must still be as it was when it goes back.
@@ -372,7 +372,7 @@ class VirtualSimulation {
     consumer.slot.reset();
     // A replaced or removed pool goes with its last holder; its destruction waits for its queue.
     consumer.pool.reset();
-    queuePostedSteps(sensor, static_cast<uint32_t>(&sensor - mSensors.data()), 0);
+    queuePostedSteps(sensor, index, 0);
   }
 
   void releaseTick() {
@@ -405,17 +405,20 @@ class VirtualSimulation {
     schedule(mNow + Nanos{mOptions.releaseTimeMs} * 1000000, EventKind::Resume, index, 0, 0);
   }
 
-  // The resume step allocates the whole rotation again.
-  void resume(Sensor& sensor) {
-    if (mTornDown) {
-      return;
-    }
+  void resumePool(Sensor& sensor) {
     ++sensor.resumes;
     if (mManager->resumePool(sensor.config.id) != 0) {
       ++sensor.report[Counter::ManagerRefused];
     }
-    queuePostedSteps(sensor, static_cast<uint32_t>(&sensor - mSensors.data()),
-                     sensor.slotCost * sensor.rotation);
+  }
+
+  // The resume step allocates the whole rotation again.
+  void resume(Sensor& sensor, uint32_t index) {
+    if (mTornDown) {
+      return;
+    }
+    resumePool(sensor);
+    queuePostedSteps(sensor, index, sensor.slotCost * sensor.rotation);
   }
 
   void reconfigure() {
@@ -426,7 +429,7 @@ class VirtualSimulation {
       sensor.rotation = sensor.config.slots;
       queuePostedSteps(sensor, s, sensor.config.lagging ? 0 : sensor.slotCost * sensor.rotation);
       if (sensor.config.lagging) {
-        resume(sensor);
+        resume(sensor, s);
       }
     }
     mReconfigured = true;
