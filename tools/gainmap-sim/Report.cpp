@@ -323,17 +323,21 @@ bool isClean(std::vector<Verdict> const& found) {
   return std::none_of(found.begin(), found.end(), [](Verdict const& v) { return v.fails; });
 }
 
-nlohmann::json reportJson(Report const& report, Options const& options) {
-  json run = {{"durationSec", options.durationSec},
+nlohmann::json runJson(Options const& options) {
+  return json{{"durationSec", options.durationSec},
               {"fps", options.fps},
               {"consumers", options.consumers},
               {"holdMs", holdJson(options.hold)},
               {"releasePeriodMs", options.releasePeriodMs},
               {"releaseTimeMs", options.releaseTimeMs},
-              {"seed", options.seed},
-              {"maxStarvedPercent", options.maxStarvedPercent},
-              {"reconfigure", options.reconfigure},
-              {"teardown", options.teardown}};
+              {"seed", options.seed}};
+}
+
+nlohmann::json reportJson(Report const& report, Options const& options) {
+  json run = runJson(options);
+  run["maxStarvedPercent"] = options.maxStarvedPercent;
+  run["reconfigure"] = options.reconfigure;
+  run["teardown"] = options.teardown;
   if (options.virtualTime) {
     run["virtualTime"] = {{"allocCostUsPerMiB", options.allocCostUsPerMiB},
                           {"bufferCheck", kSparseCheck}};

@@ -12,10 +12,10 @@
 #include <string>
 #include <thread>
 
-#include "FramePattern.h"
 #include "Hold.h"
 #include "HostPlatform.h"
 #include "IGainMapBufPool.h"
+#include "PoolClient.h"
 #include "camsys/Trace.h"
 
 namespace gainmapsim {
@@ -24,12 +24,8 @@ namespace {
 using NSCam::v3::Utils::IGainMapBufPool;
 using NSCam::v3::Utils::IGainMapBufPoolManager;
 using Clock = std::chrono::steady_clock;
-using Slot = std::shared_ptr<IGainMapBufPool::BufSlot>;
 namespace trace = NSCam::Utils::Trace;
-namespace framepattern = qelcam::framepattern;
 
-// The client key under which the simulator creates, and at the end destroys, its pools.
-constexpr int32_t kUniKey = 7;
 constexpr auto kSampleInterval = std::chrono::milliseconds(5);
 // How long the teardown waits for a consumer to hold a slot before it goes ahead anyway.
 constexpr auto kTeardownWait = std::chrono::seconds(2);
@@ -92,49 +88,6 @@ auto timed(SensorReport& tally, Call call, Fn&& fn) {
   tally.latencies[static_cast<size_t>(call)].push_back(
       std::chrono::duration_cast<std::chrono::nanoseconds>(Clock::now() - begin).count());
   return result;
-}
-
-// What a consumer finds in a borrowed slot.
-enum class Contents { Intact, Fresh, Corrupt };
-
-Contents inspect(Slot const& slot, long key) {
-  if (slot->validSize < 0 || static_cast<size_t>(slot->validSize) > slot->buffers.size()) {
-    return Contents::Corrupt;
-  }
-  Contents found = Contents::Intact;
-  for (size_t b = 0; b < static_cast<size_t>(slot->validSize); ++b) {
-    auto const& buffer = slot->buffers[b];
-    for (size_t p = 0; p < buffer->getPlaneCount(); ++p) {
-      auto const* data = reinterpret_cast<uint8_t const*>(buffer->getBufVA(p));
-      size_t const size = buffer->getBufSizeInBytes(p);
-      if (data == nullptr) {
-        return Contents::Corrupt;
-      }
-      if (!framepattern::matches(data, size, framepattern::seedOf(key, b, p))) {
-        if (!framepattern::allZero(data, size)) {
-          return Contents::Corrupt;
-        }
-        found = Contents::Fresh;
-      }
-    }
-  }
-  return found;
-}
-
-// False when a buffer has no address.
-bool fill(Slot const& slot, size_t count, long key) {
-  for (size_t b = 0; b < count; ++b) {
-    auto const& buffer = slot->buffers[b];
-    for (size_t p = 0; p < buffer->getPlaneCount(); ++p) {
-      uintptr_t address = buffer->getBufVA(p);
-      if (address == 0) {
-        return false;
-      }
-      framepattern::write(reinterpret_cast<uint8_t*>(address), buffer->getBufSizeInBytes(p),
-                          framepattern::seedOf(key, b, p));
-    }
-  }
-  return true;
 }
 
 long frameTimestamp() {
@@ -205,13 +158,7 @@ class Simulation {
 
  private:
   void createPool(Sensor& sensor) {
-    IGainMapBufPoolManager::PoolParameters params;
-    params.sensorId = sensor.config.id;
-    params.sensorSizes.insert(sensor.config.modes.begin(), sensor.config.modes.end());
-    params.batchSize = sensor.config.batch;
-    params.slotCount = sensor.config.slots;
-    params.uniKey = kUniKey;
-    mManager->createPool(params, sensor.config.lagging);
+    mManager->createPool(poolParameters(sensor.config), sensor.config.lagging);
   }
 
   void createPools() {
@@ -371,12 +318,8 @@ class Simulation {
     for (auto const& replaced : mReplaced) {
       report.scenarios.replacedPoolsAlive += replaced.expired() ? 0 : 1;
     }
-    mManager->destroyAllPools(kUniKey);
-    qelcam::host::waitQueuesIdle();
-    auto stats = qelcam::host::heapStats();
+    destroyPools(*mManager, report);
     report.peakImageBytes = mPeakBytes;
-    report.heapsLeft = stats.heapsAlive;
-    report.bytesLeft = stats.bytesAlive;
     return report;
   }
 
@@ -424,7 +367,7 @@ class Simulation {
     if (validSize == 0) {
       ++tally[Counter::ProducerEmptySlot];
     }
-    if (!fill(slot, static_cast<size_t>(validSize), key)) {
+    if (!fill(slot, static_cast<size_t>(validSize), key, Coverage::Whole)) {
       ++tally[Counter::Corrupted];
     }
     int32_t index = slot->index;
@@ -500,10 +443,10 @@ class Simulation {
     auto const heldSince = Clock::now();
     ++tally[Counter::Consumed];
     ++sensor.consumed;
-    Contents contents = inspect(slot, frame.key);
+    Contents contents = inspect(slot, frame.key, Coverage::Whole);
     std::this_thread::sleep_for(hold);
     // Nobody may touch a lent slot: the frame must still be as it was when it goes back.
-    if (contents != Contents::Corrupt && inspect(slot, frame.key) != contents) {
+    if (contents != Contents::Corrupt && inspect(slot, frame.key, Coverage::Whole) != contents) {
       contents = Contents::Corrupt;
     }
     // Memory made afresh by a resume, lent under the key of a frame made before it.

@@ -120,17 +120,11 @@ json sizingJson(std::vector<SizingSweep> const& sweeps, Options const& options) 
                    {"answer", result.answer ? json(*result.answer) : json(nullptr)},
                    {"noAnswer", result.noAnswer}});
   }
-  return json{{"run",
-               {{"durationSec", options.durationSec},
-                {"fps", options.fps},
-                {"consumers", options.consumers},
-                {"holdMs", holdJson(options.hold)},
-                {"releasePeriodMs", options.releasePeriodMs},
-                {"releaseTimeMs", options.releaseTimeMs},
-                {"seed", options.seed},
-                {"allocCostUsPerMiB", options.allocCostUsPerMiB},
-                {"warmUpSec", options.warmUpSec},
-                {"maxDropPercent", options.maxDropPercent}}},
+  json run = runJson(options);
+  run["allocCostUsPerMiB"] = options.allocCostUsPerMiB;
+  run["warmUpSec"] = options.warmUpSec;
+  run["maxDropPercent"] = options.maxDropPercent;
+  return json{{"run", run},
               {"sizing", all},
               {"result", std::all_of(sweeps.begin(), sweeps.end(),
                                      [](SizingSweep const& s) { return s.answer.has_value(); })

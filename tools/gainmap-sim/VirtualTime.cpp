@@ -12,10 +12,10 @@
 #include <string>
 #include <vector>
 
-#include "FramePattern.h"
 #include "Hold.h"
 #include "HostPlatform.h"
 #include "IGainMapBufPool.h"
+#include "PoolClient.h"
 #include "Simulation.h"
 #include "camsys/Trace.h"
 
@@ -24,11 +24,8 @@ namespace {
 
 using NSCam::v3::Utils::IGainMapBufPool;
 using NSCam::v3::Utils::IGainMapBufPoolManager;
-using Slot = std::shared_ptr<IGainMapBufPool::BufSlot>;
 using Nanos = int64_t;
-namespace framepattern = qelcam::framepattern;
 
-constexpr int32_t kUniKey = 7;
 constexpr Nanos kSecond = 1000000000;
 // How often, and how long at most, the teardown looks again for a consumer that holds a slot.
 constexpr Nanos kTeardownRetry = kSecond / 1000;
@@ -37,49 +34,6 @@ constexpr Nanos kTeardownWait = 2 * kSecond;
 // The reason the pool traced for the latest refusal; the listener runs on the refused caller's
 // thread, which is the only thread here.
 thread_local Refusal tLastRefusal = Refusal::Unexplained;
-
-enum class Contents { Intact, Fresh, Corrupt };
-
-Contents inspect(Slot const& slot, long key) {
-  if (slot->validSize < 0 || static_cast<size_t>(slot->validSize) > slot->buffers.size()) {
-    return Contents::Corrupt;
-  }
-  Contents found = Contents::Intact;
-  for (size_t b = 0; b < static_cast<size_t>(slot->validSize); ++b) {
-    auto const& buffer = slot->buffers[b];
-    for (size_t p = 0; p < buffer->getPlaneCount(); ++p) {
-      auto const* data = reinterpret_cast<uint8_t const*>(buffer->getBufVA(p));
-      size_t const size = buffer->getBufSizeInBytes(p);
-      uint64_t const seed = framepattern::seedOf(key, b, p);
-      if (data == nullptr) {
-        return Contents::Corrupt;
-      }
-      if (!framepattern::matchesSparse(data, size, seed)) {
-        if (!framepattern::zeroSparse(data, size, seed)) {
-          return Contents::Corrupt;
-        }
-        found = Contents::Fresh;
-      }
-    }
-  }
-  return found;
-}
-
-// False when a buffer has no address.
-bool fill(Slot const& slot, size_t count, long key) {
-  for (size_t b = 0; b < count; ++b) {
-    auto const& buffer = slot->buffers[b];
-    for (size_t p = 0; p < buffer->getPlaneCount(); ++p) {
-      uintptr_t const address = buffer->getBufVA(p);
-      if (address == 0) {
-        return false;
-      }
-      framepattern::writeSparse(reinterpret_cast<uint8_t*>(address), buffer->getBufSizeInBytes(p),
-                                framepattern::seedOf(key, b, p));
-    }
-  }
-  return true;
-}
 
 enum class EventKind : uint8_t {
   Task,
@@ -176,13 +130,7 @@ class VirtualSimulation {
 
  private:
   void createPool(Sensor& sensor) {
-    IGainMapBufPoolManager::PoolParameters params;
-    params.sensorId = sensor.config.id;
-    params.sensorSizes.insert(sensor.config.modes.begin(), sensor.config.modes.end());
-    params.batchSize = sensor.config.batch;
-    params.slotCount = sensor.config.slots;
-    params.uniKey = kUniKey;
-    mManager->createPool(params, sensor.config.lagging);
+    mManager->createPool(poolParameters(sensor.config), sensor.config.lagging);
   }
 
   // Before the clock starts, as in real time: each pool made and lent memory, one after the other,
@@ -305,7 +253,7 @@ class VirtualSimulation {
     long const key = static_cast<long>(mNow) + 1;
     int const validSize = static_cast<int>(slot->buffers.size());
     tally[Counter::ProducerEmptySlot] += validSize == 0 ? 1 : 0;
-    if (!fill(slot, static_cast<size_t>(validSize), key)) {
+    if (!fill(slot, static_cast<size_t>(validSize), key, Coverage::Sparse)) {
       ++tally[Counter::Corrupted];
     }
     int32_t const slotIndex = slot->index;
@@ -348,7 +296,7 @@ class VirtualSimulation {
     consumer.pool = pool;
     consumer.key = key;
     consumer.resumes = sensor.resumes;
-    consumer.contents = inspect(consumer.slot, key);
+    consumer.contents = inspect(consumer.slot, key, Coverage::Sparse);
     consumer.since = mNow;
     schedule(mNow + consumer.holds.nextNs(), EventKind::Return, index, c, 0);
   }
@@ -357,7 +305,8 @@ class VirtualSimulation {
     SensorReport& tally = sensor.report;
     Contents contents = consumer.contents;
     // Nobody may touch a lent slot: the frame must still be as it was when it goes back.
-    if (contents != Contents::Corrupt && inspect(consumer.slot, consumer.key) != contents) {
+    if (contents != Contents::Corrupt &&
+        inspect(consumer.slot, consumer.key, Coverage::Sparse) != contents) {
       contents = Contents::Corrupt;
     }
     if (contents == Contents::Fresh && consumer.resumes < sensor.resumes) {
@@ -472,12 +421,8 @@ class VirtualSimulation {
     for (auto const& replaced : mReplaced) {
       report.scenarios.replacedPoolsAlive += replaced.expired() ? 0 : 1;
     }
-    mManager->destroyAllPools(kUniKey);
-    qelcam::host::waitQueuesIdle();
-    auto const stats = qelcam::host::heapStats();
+    destroyPools(*mManager, report);
     report.peakImageBytes = mPeakBytes;
-    report.heapsLeft = stats.heapsAlive;
-    report.bytesLeft = stats.bytesAlive;
     return report;
   }
 
