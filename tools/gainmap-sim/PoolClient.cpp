@@ -77,7 +77,12 @@ bool fill(Slot const& slot, size_t count, long key, Coverage coverage) {
   return true;
 }
 
-void destroyPools(NSCam::v3::Utils::IGainMapBufPoolManager& manager, Report& report) {
+void destroyPools(NSCam::v3::Utils::IGainMapBufPoolManager& manager,
+                  std::vector<std::weak_ptr<NSCam::v3::Utils::IGainMapBufPool>> const& replaced,
+                  Report& report) {
+  for (auto const& pool : replaced) {
+    report.scenarios.replacedPoolsAlive += pool.expired() ? 0 : 1;
+  }
   manager.destroyAllPools(kUniKey);
   qelcam::host::waitQueuesIdle();
   auto const stats = qelcam::host::heapStats();

@@ -3,6 +3,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <vector>
 
 #include "IGainMapBufPool.h"
 #include "Options.h"
@@ -30,8 +31,10 @@ Contents inspect(Slot const& slot, long key, Coverage coverage);
 // Writes the frame's pattern into the first `count` buffers; false when a buffer has no address.
 bool fill(Slot const& slot, size_t count, long key, Coverage coverage);
 
-// Destroys the simulator's pools once nothing of it holds them, and files in `report` the image
-// memory that outlived them.
-void destroyPools(NSCam::v3::Utils::IGainMapBufPoolManager& manager, Report& report);
+// Once nothing of the simulator holds a pool any more: files in `report` the replaced pools still
+// alive, destroys the simulator's pools and files the image memory that outlived them.
+void destroyPools(NSCam::v3::Utils::IGainMapBufPoolManager& manager,
+                  std::vector<std::weak_ptr<NSCam::v3::Utils::IGainMapBufPool>> const& replaced,
+                  Report& report);
 
 }  // namespace gainmapsim

@@ -314,11 +314,8 @@ class Simulation {
     report.scenarios.reconfigured = mReconfigured;
     report.scenarios.tornDown = mTornDown;
     report.scenarios.heldAtTeardown = mHeldAtTeardown;
-    // Every thread is joined: nothing of the simulator holds a replaced pool any more.
-    for (auto const& replaced : mReplaced) {
-      report.scenarios.replacedPoolsAlive += replaced.expired() ? 0 : 1;
-    }
-    destroyPools(*mManager, report);
+    // Every thread is joined: nothing of the simulator holds a pool any more.
+    destroyPools(*mManager, mReplaced, report);
     report.peakImageBytes = mPeakBytes;
     return report;
   }

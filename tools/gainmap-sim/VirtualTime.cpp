@@ -418,10 +418,7 @@ class VirtualSimulation {
     report.scenarios.producedAfterReconfigure = mProducedAfterReconfigure;
     report.scenarios.tornDown = mTornDown;
     report.scenarios.heldAtTeardown = mHeldAtTeardown;
-    for (auto const& replaced : mReplaced) {
-      report.scenarios.replacedPoolsAlive += replaced.expired() ? 0 : 1;
-    }
-    destroyPools(*mManager, report);
+    destroyPools(*mManager, mReplaced, report);
     report.peakImageBytes = mPeakBytes;
     return report;
   }
