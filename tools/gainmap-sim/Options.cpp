@@ -460,7 +460,7 @@ options:
                         that drops no more than --max-drop of its frames for busy slots
   --max-drop PCT        sizing: the share of frames due after the warm-up that may be dropped for
                         busy slots, 0-100 (default 0)
-  --warm-up S           frames due in the first S seconds are not judged (default 0)
+  --warm-up S           sizing: frames due in the first S seconds are not judged (default 0)
   --batches LIST        sizing: sweep each of these batch sizes, e.g. 1,2,4 (default: the
                         sensor's own)
   --plot FILE.png       sizing: draw dropped frames and peak memory against the slot count
