@@ -442,7 +442,7 @@ class HostTaskHandle : public NSCam::CTM::TaskHandle {
   }
 
  private:
-  std::weak_ptr<QueueState> const mQueue;
+  std::weak_ptr<QueueState> const mQueue{};
   uint64_t const mNumber = 0;  // 0: nothing was posted
   std::mutex mMutex;
   std::shared_future<void> mFuture;
