@@ -311,7 +311,8 @@ ParseResult failure(std::string error) {
 uint64_t worstImageBytes(SensorConfig const& sensor) {
   uint64_t rows = 0;
   for (auto const& [mode, size] : sensor.modes) {
-    rows = std::max<uint64_t>(rows, static_cast<uint64_t>(size.h) * kGainMapWidth / size.w + 1);
+    rows = std::max<uint64_t>(
+        rows, static_cast<uint64_t>(size.h) * kGainMapWidth / static_cast<uint64_t>(size.w) + 1);
   }
   return uint64_t{2} * sensor.slots * sensor.batch * rows * kGainMapWidth;
 }
