@@ -13,8 +13,8 @@ using nlohmann::json;
 
 constexpr char kSparseCheck[] =
     "buffers checked in three words per plane (first, last, one chosen by the key), not every byte";
-constexpr int kLabelWidth = 46;
-constexpr int kColumnWidth = 16;
+constexpr size_t kLabelWidth = 46;
+constexpr size_t kColumnWidth = 16;
 
 // One figure of every sensor: where it goes in the JSON, its row in the table, its value.
 struct Figure {
@@ -150,7 +150,7 @@ void printRow(std::ostream& out, std::string const& label, std::vector<std::stri
   std::string line = label;
   line.resize(std::max<size_t>(kLabelWidth, label.size() + 1), ' ');
   for (auto const& text : cells) {
-    line += std::string(std::max<int>(1, kColumnWidth - static_cast<int>(text.size())), ' ');
+    line += std::string(text.size() < kColumnWidth ? kColumnWidth - text.size() : 1, ' ');
     line += text;
   }
   out << line << '\n';
