@@ -7,6 +7,8 @@ GAINMAP_PACKAGES=(cmake ninja-build g++ clang libclang-rt-dev ccache googletest 
 GAINMAP_ARM64_PACKAGES=(g++-aarch64-linux-gnu qemu-user libc6:arm64 libstdc++6:arm64
                         libgtest-dev:arm64 libgmock-dev:arm64 android-liblog-dev:arm64
                         android-liblog:arm64)
+# The simulator's sizing plot (gainmap-sim --size --plot FILE.png), installed when one is asked for.
+GAINMAP_PLOT_PACKAGES=(gnuplot-nox)
 # The Android.bp check (scripts/check-android-bp.sh): bpfmt and the source-list comparison.
 GAINMAP_BP_PACKAGES=(blueprint-tools python3)
 

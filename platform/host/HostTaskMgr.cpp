@@ -10,6 +10,10 @@
 // unscheduled one puts it in the ready list and wakes one idle worker. Creating a queue starts no
 // thread.
 //
+// A program that drives time itself (a simulator in virtual time) holds the queues and runs chosen
+// tasks on its own thread (`runHeldTask`); it may also have a caller that waits for a task run that
+// task itself first (`setWaitRunsHeldTasks`), so that one thread can drive every queue.
+//
 // Tasks may block: on another queue's barrier, on a client, on a test that parks them. A monitor
 // thread watches for runnable queues that no worker comes back for while every worker is busy, and
 // starts another worker; surplus workers end after idling for a while. Nothing is bounded, so a
@@ -22,6 +26,7 @@
 #include <sched.h>
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
@@ -49,6 +54,12 @@ constexpr std::chrono::milliseconds kIdleLinger = std::chrono::seconds(5);
 
 using Task = std::unique_ptr<std::function<void()>>;
 
+// A task and its number: every task of the process is numbered in posting order, from 1.
+struct PostedTask {
+  uint64_t number;
+  Task body;
+};
+
 struct QueueState;
 using QueueList = std::list<std::shared_ptr<QueueState>>;
 
@@ -63,7 +74,7 @@ struct QueueState {
   std::mutex mutex;  // guards the fields below up to `registration`
   // Signalled after each task while someone waits for the queue to reach a count (`waiters`).
   std::condition_variable taskFinished;
-  std::deque<Task> tasks;
+  std::deque<PostedTask> tasks;
   uint64_t posted = 0;
   uint64_t finished = 0;
   int waiters = 0;
@@ -183,24 +194,35 @@ class Scheduler {
     std::shared_ptr<QueueState> queue = std::move(mReady.front());
     mReady.pop_front();
     ++mTakes;
-    Task task;
-    {
-      // Taken under the scheduler's mutex too, so that no task starts once holdQueues returns.
-      std::lock_guard<std::mutex> queueLock(queue->mutex);
-      task = std::move(queue->tasks.front());
-      queue->tasks.pop_front();
-    }
+    Task task = takeFrontTask(*queue);
     dispatchLocked();
     lock.unlock();
-
-    tRunningQueue = queue.get();
     nameWorkerAfter(*queue);
+    runTask(*queue, task);
+    lock.lock();
+    finishTaskLocked(std::move(queue));
+  }
+
+  // Taken under the scheduler's mutex too, so that no task starts once holdQueues returns.
+  static Task takeFrontTask(QueueState& queue) {
+    std::lock_guard<std::mutex> queueLock(queue.mutex);
+    Task task = std::move(queue.tasks.front().body);
+    queue.tasks.pop_front();
+    return task;
+  }
+
+  static void runTask(QueueState const& queue, Task& task) {
+    QueueState const* const outer = tRunningQueue;
+    tRunningQueue = &queue;
     (*task)();
     // The callable may own objects whose destructors post, wait or drop this very queue.
     task.reset();
-    tRunningQueue = nullptr;
+    tRunningQueue = outer;
+  }
 
-    lock.lock();
+  // After one of the queue's tasks ran: counts it, wakes its waiters and puts the queue back at the
+  // end of the ready list if it has more, behind the queues already waiting.
+  void finishTaskLocked(std::shared_ptr<QueueState> queue) {
     bool more;
     {
       std::lock_guard<std::mutex> queueLock(queue->mutex);
@@ -216,9 +238,92 @@ class Scheduler {
       }
     }
     if (more) {
-      // Behind the queues already waiting: this worker takes the front one next.
       mReady.push_back(std::move(queue));
     }
+  }
+
+ public:
+  // Runs on the calling thread the queue's tasks up to and including the one numbered `number`,
+  // while the queues are held; true when that task ran here. A queue that a worker took before the
+  // hold is waited for, so that its tasks still run one at a time.
+  bool runHeldTasksUpTo(std::shared_ptr<QueueState> const& queue, uint64_t number) {
+    bool ran = false;
+    std::unique_lock<std::mutex> lock(mMutex);
+    for (;;) {
+      if (!mHeld) {
+        return ran;
+      }
+      {
+        std::unique_lock<std::mutex> queueLock(queue->mutex);
+        if (queue->tasks.empty() || queue->tasks.front().number > number) {
+          return ran;
+        }
+        ran = queue->tasks.front().number == number;
+      }
+      auto const ready = std::find(mReady.begin(), mReady.end(), queue);
+      if (ready == mReady.end()) {
+        waitForWorkerLocked(lock, *queue);
+        continue;
+      }
+      mReady.erase(ready);
+      Task task = takeFrontTask(*queue);
+      lock.unlock();
+      runTask(*queue, task);
+      lock.lock();
+      finishTaskLocked(queue);
+    }
+  }
+
+  // The live queue holding the task numbered `number`, if it has not run yet.
+  std::shared_ptr<QueueState> queueOfTask(uint64_t number) {
+    std::lock_guard<std::mutex> lock(mMutex);
+    for (auto const& queue : mLive) {
+      std::lock_guard<std::mutex> queueLock(queue->mutex);
+      for (auto const& task : queue->tasks) {
+        if (task.number == number) {
+          return queue;
+        }
+      }
+    }
+    return nullptr;
+  }
+
+  void setWaitRunsHeld(bool on) {
+    std::lock_guard<std::mutex> lock(mMutex);
+    mWaitRunsHeld = on;
+  }
+
+  bool waitRunsHeld() {
+    std::lock_guard<std::mutex> lock(mMutex);
+    return mWaitRunsHeld && mHeld;
+  }
+
+  // Numbers a task as it is posted; called under the queue's mutex, so that a queue's tasks are
+  // numbered in their order.
+  uint64_t numberTask() {
+    // Relaxed: the number orders nothing else; the task itself is handed over under the queue's
+    // mutex.
+    return mPosted.fetch_add(1, std::memory_order_relaxed) + 1;
+  }
+
+  uint64_t tasksPosted() const {
+    // Relaxed: read by the thread that posted, or as a figure only.
+    return mPosted.load(std::memory_order_relaxed);
+  }
+
+ private:
+  // Waits, with the scheduler's mutex dropped, until the worker running one of the queue's tasks
+  // finishes it.
+  void waitForWorkerLocked(std::unique_lock<std::mutex>& lock, QueueState& queue) {
+    lock.unlock();
+    {
+      std::unique_lock<std::mutex> queueLock(queue.mutex);
+      uint64_t const finished = queue.finished;
+      ++queue.waiters;
+      queue.taskFinished.wait(queueLock, [&] { return queue.finished > finished; });
+      --queue.waiters;
+    }
+    lock.lock();
   }
 
   // Waits idle until woken for work (true) or until it has idled long enough to end as a surplus
@@ -309,21 +414,36 @@ class Scheduler {
   uint64_t mTakes = 0;       // queues taken from the ready list: the monitor's sign of progress
   uint64_t mStarted = 0;     // workers ever started
   bool mMonitorWaiting = false;
+  bool mWaitRunsHeld = false;        // a caller about to wait for a held task runs it itself
+  std::atomic<uint64_t> mPosted{0};  // tasks ever posted: the number of the newest
   std::chrono::milliseconds mLinger = kIdleLinger;
 };
 
 class HostTaskHandle : public NSCam::CTM::TaskHandle {
  public:
+  HostTaskHandle() = default;
+  HostTaskHandle(std::weak_ptr<QueueState> queue, uint64_t number)
+      : mQueue(std::move(queue)), mNumber(number) {}
+
   void setFuture(std::shared_future<void> future) override {
     std::lock_guard<std::mutex> lock(mMutex);
     mFuture = std::move(future);
   }
+  // The poster takes the future to wait for the task: with the queues held and waits running held
+  // tasks, the task runs here first, so that the wait returns.
   std::shared_future<void> getFuture() override {
+    if (mNumber != 0 && Scheduler::instance().waitRunsHeld()) {
+      if (auto queue = mQueue.lock()) {
+        Scheduler::instance().runHeldTasksUpTo(queue, mNumber);
+      }
+    }
     std::lock_guard<std::mutex> lock(mMutex);
     return mFuture;
   }
 
  private:
+  std::weak_ptr<QueueState> const mQueue{};
+  uint64_t const mNumber = 0;  // 0: nothing was posted
   std::mutex mMutex;
   std::shared_future<void> mFuture;
 };
@@ -356,11 +476,14 @@ class TaskQueue {
   TaskQueue(TaskQueue const&) = delete;
   TaskQueue& operator=(TaskQueue const&) = delete;
 
-  void post(Task task) {
+  // Returns a handle that knows the task's number and queue.
+  std::shared_ptr<HostTaskHandle> post(Task task) {
     bool wasIdle;
+    uint64_t number;
     {
       std::lock_guard<std::mutex> lock(mState->mutex);
-      mState->tasks.push_back(std::move(task));
+      number = Scheduler::instance().numberTask();
+      mState->tasks.push_back({number, std::move(task)});
       ++mState->posted;
       wasIdle = !mState->scheduled;
       mState->scheduled = true;
@@ -368,6 +491,7 @@ class TaskQueue {
     if (wasIdle) {
       Scheduler::instance().makeRunnable(mState);
     }
+    return std::make_shared<HostTaskHandle>(mState, number);
   }
 
  private:
@@ -392,8 +516,7 @@ std::shared_ptr<TaskHandle> CentralTaskMgr::_asyncPost(
     task.reset();
     return handle;
   }
-  queue->post(std::move(task));
-  return handle;
+  return queue->post(std::move(task));
 }
 
 }  // namespace CTM
@@ -418,6 +541,19 @@ void waitQueuesIdle() {
     queue->taskFinished.wait(lock, [&] { return queue->finished >= target; });
     --queue->waiters;
   }
+}
+
+uint64_t tasksPosted() {
+  return Scheduler::instance().tasksPosted();
+}
+
+bool runHeldTask(uint64_t number) {
+  auto queue = Scheduler::instance().queueOfTask(number);
+  return queue != nullptr && Scheduler::instance().runHeldTasksUpTo(queue, number);
+}
+
+void setWaitRunsHeldTasks(bool on) {
+  Scheduler::instance().setWaitRunsHeld(on);
 }
 
 TaskWorkerStats taskWorkerStats() {

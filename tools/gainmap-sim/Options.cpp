@@ -12,7 +12,6 @@ constexpr int64_t kMaxSensorSide = 16384;
 // Gain maps are 576 pixels wide and as tall as the sensor's aspect ratio makes them.
 constexpr int64_t kGainMapWidth = 576;
 constexpr int64_t kMaxGainMapRows = 2048;
-constexpr uint64_t kMaxImageBytes = uint64_t{1} << 30;
 constexpr size_t kMaxSensors = 8;
 
 bool parseInteger(std::string const& text, int64_t min, int64_t max, std::string const& what,
@@ -108,6 +107,55 @@ bool parseModes(std::string const& text, std::map<uint32_t, NSCam::MSize>& modes
   return true;
 }
 
+bool parseBatches(std::string const& text, std::vector<uint32_t>& batches, std::string& error) {
+  batches.clear();
+  for (auto const& item : split(text, ',')) {
+    uint32_t batch = 0;
+    if (!parseNumber(item, 1, 8, "--batches", batch, error)) {
+      return false;
+    }
+    batches.push_back(batch);
+  }
+  return true;
+}
+
+// MIN-MAX, or lognormal:MEDIAN:P99, in milliseconds.
+bool parseHold(std::string const& text, HoldModel& hold, std::string& error) {
+  constexpr char kLognormal[] = "lognormal:";
+  if (text.rfind(kLognormal, 0) == 0) {
+    auto const parts = split(text.substr(sizeof kLognormal - 1), ':');
+    if (parts.size() != 2) {
+      error = "hold: '" + text + "' is not lognormal:MEDIAN:P99";
+      return false;
+    }
+    hold.kind = HoldModel::Kind::Lognormal;
+    if (!parseNumber(parts[0], 1, 10000, "hold median", hold.medianMs, error) ||
+        !parseNumber(parts[1], 1, 10000, "hold p99", hold.p99Ms, error)) {
+      return false;
+    }
+    if (hold.p99Ms < hold.medianMs) {
+      error = "hold: p99 " + parts[1] + " is below the median " + parts[0];
+      return false;
+    }
+    return true;
+  }
+  auto dash = text.find('-');
+  if (dash == std::string::npos) {
+    error = "hold: '" + text + "' is not MIN-MAX or lognormal:MEDIAN:P99";
+    return false;
+  }
+  hold.kind = HoldModel::Kind::Uniform;
+  if (!parseNumber(text.substr(0, dash), 0, 10000, "hold minimum", hold.minMs, error) ||
+      !parseNumber(text.substr(dash + 1), 0, 10000, "hold maximum", hold.maxMs, error)) {
+    return false;
+  }
+  if (hold.minMs > hold.maxMs) {
+    error = "hold: minimum " + text.substr(0, dash) + " exceeds maximum " + text.substr(dash + 1);
+    return false;
+  }
+  return true;
+}
+
 bool parseSensorField(std::string const& key, std::string const& value, SensorConfig& sensor,
                       std::string& error) {
   if (key == "id") {
@@ -126,19 +174,12 @@ bool parseSensorField(std::string const& key, std::string const& value, SensorCo
   if (key == "lagging") {
     return parseNumber(value, 0, 1, "lagging", sensor.lagging, error);
   }
-  error = "unknown sensor field '" + key + "' (fields: id, modes, batch, slots, lagging)";
-  return false;
-}
-
-// The most image memory a sensor's pool can hold: the whole grown rotation, each slot sized for
-// the tallest gain map of its modes.
-uint64_t worstImageBytes(SensorConfig const& sensor) {
-  uint64_t rows = 0;
-  for (auto const& [mode, size] : sensor.modes) {
-    rows = std::max<uint64_t>(
-        rows, static_cast<uint64_t>(size.h) * kGainMapWidth / static_cast<uint64_t>(size.w) + 1);
+  if (key == "hold") {
+    sensor.hold = HoldModel{};
+    return parseHold(value, *sensor.hold, error);
   }
-  return uint64_t{2} * sensor.slots * sensor.batch * rows * kGainMapWidth;
+  error = "unknown sensor field '" + key + "' (fields: id, modes, batch, slots, lagging, hold)";
+  return false;
 }
 
 bool checkSensors(std::vector<SensorConfig> const& sensors, std::string& error) {
@@ -163,23 +204,6 @@ bool checkSensors(std::vector<SensorConfig> const& sensors, std::string& error) 
   return true;
 }
 
-bool parseHold(std::string const& text, Options& options, std::string& error) {
-  auto dash = text.find('-');
-  if (dash == std::string::npos) {
-    error = "--hold: '" + text + "' is not MIN-MAX";
-    return false;
-  }
-  if (!parseNumber(text.substr(0, dash), 0, 10000, "--hold minimum", options.holdMinMs, error) ||
-      !parseNumber(text.substr(dash + 1), 0, 10000, "--hold maximum", options.holdMaxMs, error)) {
-    return false;
-  }
-  if (options.holdMinMs > options.holdMaxMs) {
-    error = "--hold: minimum " + text.substr(0, dash) + " exceeds maximum " + text.substr(dash + 1);
-    return false;
-  }
-  return true;
-}
-
 bool applyValueOption(std::string const& name, std::string const& value, Options& options,
                       bool& sensorsGiven, std::string& error) {
   if (name == "--duration") {
@@ -192,7 +216,23 @@ bool applyValueOption(std::string const& name, std::string const& value, Options
     return parseNumber(value, 0, 16, name, options.consumers, error);
   }
   if (name == "--hold") {
-    return parseHold(value, options, error);
+    if (!parseHold(value, options.hold, error)) {
+      error = "--" + error;
+      return false;
+    }
+    return true;
+  }
+  if (name == "--alloc-cost-us") {
+    return parseNumber(value, 0, 1000000, name, options.allocCostUsPerMiB, error);
+  }
+  if (name == "--max-drop") {
+    return parseNumber(value, 0, 100, name, options.maxDropPercent, error);
+  }
+  if (name == "--warm-up") {
+    return parseNumber(value, 0, 3599, name, options.warmUpSec, error);
+  }
+  if (name == "--batches") {
+    return parseBatches(value, options.batches, error);
   }
   if (name == "--release-period") {
     return parseNumber(value, 0, 3600000, name, options.releasePeriodMs, error);
@@ -206,12 +246,14 @@ bool applyValueOption(std::string const& name, std::string const& value, Options
   if (name == "--max-starved") {
     return parseNumber(value, 0, 100, name, options.maxStarvedPercent, error);
   }
-  if (name == "--trace" || name == "--json") {
+  if (name == "--trace" || name == "--json" || name == "--plot") {
     if (value.empty()) {
       error = name + ": needs a file name";
       return false;
     }
-    (name == "--trace" ? options.tracePath : options.jsonPath) = value;
+    (name == "--trace"  ? options.tracePath
+     : name == "--json" ? options.jsonPath
+                        : options.plotPath) = value;
     return true;
   }
   // The one value option left is --sensor; the first one replaces the default sensors.
@@ -230,9 +272,30 @@ bool applyValueOption(std::string const& name, std::string const& value, Options
 
 bool takesValue(std::string const& name) {
   static std::set<std::string> const kValueOptions = {
-      "--duration", "--fps",    "--consumers", "--hold", "--release-period", "--release-time",
-      "--seed",     "--sensor", "--trace",     "--json", "--max-starved"};
+      "--duration", "--fps",     "--consumers", "--hold", "--release-period", "--release-time",
+      "--seed",     "--sensor",  "--trace",     "--json", "--max-starved",    "--alloc-cost-us",
+      "--max-drop", "--warm-up", "--batches",   "--plot"};
   return kValueOptions.count(name) != 0;
+}
+
+// Options that only make sense together, or not at all together.
+bool checkModes(Options const& options, std::string& error) {
+  bool const virtualTime = options.virtualTime || options.size;
+  if (virtualTime && !options.tracePath.empty()) {
+    error = "--trace needs real time: a trace's timestamps are the wall clock's";
+  } else if (!options.plotPath.empty() && !options.size) {
+    error = "--plot draws the sizing sweep: it needs --size";
+  } else if (!options.batches.empty() && !options.size) {
+    error = "--batches lists the batch sizes of the sizing sweep: it needs --size";
+  } else if (options.size && (options.reconfigure || options.teardown)) {
+    error = "--size sweeps plain pools: no --reconfigure or --teardown";
+  } else if (options.warmUpSec >= options.durationSec) {
+    error = "--warm-up " + std::to_string(options.warmUpSec) + " must be shorter than --duration " +
+            std::to_string(options.durationSec);
+  } else {
+    return true;
+  }
+  return false;
 }
 
 ParseResult failure(std::string error) {
@@ -243,6 +306,16 @@ ParseResult failure(std::string error) {
 }
 
 }  // namespace
+
+// Each slot sized for the tallest gain map of the sensor's modes.
+uint64_t worstImageBytes(SensorConfig const& sensor) {
+  uint64_t rows = 0;
+  for (auto const& [mode, size] : sensor.modes) {
+    rows = std::max<uint64_t>(
+        rows, static_cast<uint64_t>(size.h) * kGainMapWidth / static_cast<uint64_t>(size.w) + 1);
+  }
+  return uint64_t{2} * sensor.slots * sensor.batch * rows * kGainMapWidth;
+}
 
 std::vector<SensorConfig> defaultSensors() {
   SensorConfig rear;
@@ -302,7 +375,8 @@ ParseResult parseOptions(std::vector<std::string> const& args) {
       name = name.substr(0, equals);
     }
     if (name == "--help" || name == "-h" || name == "--quiet" || name == "--library-log" ||
-        name == "--reconfigure" || name == "--teardown") {
+        name == "--reconfigure" || name == "--teardown" || name == "--virtual-time" ||
+        name == "--size") {
       if (inlineValue) {
         return failure("option '" + name + "' takes no value");
       }
@@ -314,6 +388,10 @@ ParseResult parseOptions(std::vector<std::string> const& args) {
         result.options.reconfigure = true;
       } else if (name == "--teardown") {
         result.options.teardown = true;
+      } else if (name == "--virtual-time") {
+        result.options.virtualTime = true;
+      } else if (name == "--size") {
+        result.options.size = true;
       } else {
         result.kind = ParseResult::Kind::Help;
         return result;
@@ -341,7 +419,7 @@ ParseResult parseOptions(std::vector<std::string> const& args) {
                    std::to_string(options.releasePeriodMs));
   }
   std::string error;
-  if (!checkSensors(options.sensors, error)) {
+  if (!checkSensors(options.sensors, error) || !checkModes(options, error)) {
     return failure(error);
   }
   return result;
@@ -359,7 +437,9 @@ options:
   --duration S          run time in seconds, 1-3600 (default 6)
   --fps N               frames per second of every sensor, 1-240 (default 30)
   --consumers N         consumer threads per sensor, 0-16 (default 3)
-  --hold MIN-MAX        how long a consumer holds a slot, in ms, 0-10000 (default 40-120)
+  --hold MIN-MAX        how long a consumer holds a slot, in ms, 0-10000 (default 40-120);
+  --hold lognormal:MEDIAN:P99
+                        or lognormal, with this median and 99th percentile in ms (a long tail)
   --release-period MS   release every pool this often, 0 = never (default 2000)
   --release-time MS     how long a pool stays released (default 200)
   --sensor DESC         a sensor; repeat for more; replaces the default sensors
@@ -373,11 +453,24 @@ options:
   --quiet               no progress line on stderr
   --library-log         let the library's own log lines through to stderr (they also pass
                         when QELCAM_ULOG_MODE is set in the environment)
+  --virtual-time        run on a virtual clock: nothing sleeps, the pools' queue steps finish
+                        after their allocation cost, and the same options and seed give the same
+                        figures; buffers are checked in a few words each, not every byte
+  --alloc-cost-us N     virtual time: microseconds to allocate one MiB of a slot (default 65)
+  --size                per sensor, sweep the slot count in virtual time and report the smallest
+                        that drops no more than --max-drop of its frames for busy slots
+  --max-drop PCT        sizing: the share of frames due after the warm-up that may be dropped for
+                        busy slots, 0-100 (default 0)
+  --warm-up S           sizing: frames due in the first S seconds are not judged (default 0)
+  --batches LIST        sizing: sweep each of these batch sizes, e.g. 1,2,4 (default: the
+                        sensor's own)
+  --plot FILE.png       sizing: draw dropped frames and peak memory against the slot count
+                        (needs gnuplot)
   -h, --help            this text
 
-DESC: id=ID,modes=MODE:WxH[/MODE:WxH...][,batch=1-8][,slots=1-16][,lagging=0|1]
+DESC: id=ID,modes=MODE:WxH[/MODE:WxH...][,batch=1-8][,slots=1-16][,lagging=0|1][,hold=HOLD]
   e.g. --sensor id=0,modes=0:4000x3000/1:4000x2250,batch=2,slots=3,lagging=0
-  batch defaults to 1, slots to 3, lagging to 0.
+  batch defaults to 1, slots to 3, lagging to 0; hold (as --hold) to --hold.
 
 default sensors:
   id=0,modes=0:4000x3000,batch=1,slots=3,lagging=0

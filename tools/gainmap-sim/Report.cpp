@@ -11,8 +11,10 @@ namespace {
 
 using nlohmann::json;
 
-constexpr int kLabelWidth = 46;
-constexpr int kColumnWidth = 16;
+constexpr char kSparseCheck[] =
+    "buffers checked in three words per plane (first, last, one chosen by the key), not every byte";
+constexpr size_t kLabelWidth = 46;
+constexpr size_t kColumnWidth = 16;
 
 // One figure of every sensor: where it goes in the JSON, its row in the table, its value.
 struct Figure {
@@ -59,7 +61,8 @@ json spread(std::vector<int64_t> const& sorted, double unit) {
               {"max", rounded(static_cast<double>(sorted.back()) / unit)}};
 }
 
-std::vector<Figure> figures() {
+// Virtual time measures no latency: the calls take no virtual time.
+std::vector<Figure> figures(Options const& options) {
   std::vector<Figure> all = {
       {"frames", "due", "frames due at the frame rate",
        [](SensorReport const& s) { return json(s[Counter::FramesDue]); }},
@@ -114,7 +117,7 @@ std::vector<Figure> figures() {
       {"slots", "atMost", "slots at most", [](SensorReport const& s) { return json(s.maxSlots); }},
   };
   all.insert(all.end(), rest.begin(), rest.end());
-  for (size_t call = 0; call < kCallCount; ++call) {
+  for (size_t call = 0; !options.virtualTime && call < kCallCount; ++call) {
     all.push_back({"latencyUs", kCallNames[call], std::string(kCallNames[call]) + " us p50/p99",
                    [call](SensorReport const& s) { return spread(s.latencies[call], 1e3); }});
   }
@@ -147,8 +150,7 @@ void printRow(std::ostream& out, std::string const& label, std::vector<std::stri
   std::string line = label;
   line.resize(std::max<size_t>(kLabelWidth, label.size() + 1), ' ');
   for (auto const& text : cells) {
-    line += std::string(
-        static_cast<size_t>(std::max<int>(1, kColumnWidth - static_cast<int>(text.size()))), ' ');
+    line += std::string(text.size() < kColumnWidth ? kColumnWidth - text.size() : 1, ' ');
     line += text;
   }
   out << line << '\n';
@@ -297,6 +299,13 @@ void scenarioVerdicts(Report const& report, Options const& options, std::vector<
 
 }  // namespace
 
+nlohmann::json holdJson(HoldModel const& hold) {
+  if (hold.kind == HoldModel::Kind::Lognormal) {
+    return json{{"lognormal", {{"median", hold.medianMs}, {"p99", hold.p99Ms}}}};
+  }
+  return json{hold.minMs, hold.maxMs};
+}
+
 std::vector<Verdict> verdicts(Report const& report, Options const& options) {
   std::vector<Verdict> found;
   for (auto const& sensor : report.sensors) {
@@ -314,22 +323,30 @@ bool isClean(std::vector<Verdict> const& found) {
   return std::none_of(found.begin(), found.end(), [](Verdict const& v) { return v.fails; });
 }
 
-nlohmann::json reportJson(Report const& report, Options const& options) {
-  json run = {{"durationSec", options.durationSec},
+nlohmann::json runJson(Options const& options) {
+  return json{{"durationSec", options.durationSec},
               {"fps", options.fps},
               {"consumers", options.consumers},
-              {"holdMs", {options.holdMinMs, options.holdMaxMs}},
+              {"holdMs", holdJson(options.hold)},
               {"releasePeriodMs", options.releasePeriodMs},
               {"releaseTimeMs", options.releaseTimeMs},
-              {"seed", options.seed},
-              {"maxStarvedPercent", options.maxStarvedPercent},
-              {"reconfigure", options.reconfigure},
-              {"teardown", options.teardown}};
+              {"seed", options.seed}};
+}
+
+nlohmann::json reportJson(Report const& report, Options const& options) {
+  json run = runJson(options);
+  run["maxStarvedPercent"] = options.maxStarvedPercent;
+  run["reconfigure"] = options.reconfigure;
+  run["teardown"] = options.teardown;
+  if (options.virtualTime) {
+    run["virtualTime"] = {{"allocCostUsPerMiB", options.allocCostUsPerMiB},
+                          {"bufferCheck", kSparseCheck}};
+  }
   json sensors = json::array();
   json diagnoses = json::array();
   for (auto const& sensor : report.sensors) {
     json entry = {{"id", sensor.id}, {"modes", sensor.modes}};
-    for (auto const& figure : figures()) {
+    for (auto const& figure : figures(options)) {
       entry[figure.group][figure.key] = figure.value(sensor);
     }
     sensors.push_back(entry);
@@ -364,12 +381,16 @@ void printReport(Report const& report, Options const& options, std::ostream& out
   json const all = reportJson(report, options);
   out << "gainmap-sim: " << report.sensors.size() << " sensors, " << options.durationSec << " s at "
       << options.fps << " fps, " << options.consumers << " consumers per sensor\n";
+  if (options.virtualTime) {
+    out << "virtual time: queue steps take " << options.allocCostUsPerMiB
+        << " us per MiB allocated; " << kSparseCheck << "; no latencies\n";
+  }
   std::vector<std::string> header;
   for (auto const& sensor : report.sensors) {
     header.push_back("sensor " + std::to_string(sensor.id));
   }
   printRow(out, "", header);
-  for (auto const& figure : figures()) {
+  for (auto const& figure : figures(options)) {
     std::vector<std::string> cells;
     for (auto const& sensor : all["sensors"]) {
       cells.push_back(cell(sensor[figure.group][figure.key], figure.label));

@@ -24,6 +24,10 @@ bool isClean(std::vector<Verdict> const& found);
 // The figures of every sensor (one column each), the process's memory, the starvation diagnosis,
 // the verdicts and the result.
 void printReport(Report const& report, Options const& options, std::ostream& out);
+// A hold model as the JSON gives it: [MIN, MAX] or {"lognormal": {"median", "p99"}}.
+nlohmann::json holdJson(HoldModel const& hold);
+// The options every run shares, as JSON: duration, rate, consumers, holds, releases, seed.
+nlohmann::json runJson(Options const& options);
 // The same, as JSON.
 nlohmann::json reportJson(Report const& report, Options const& options);
 

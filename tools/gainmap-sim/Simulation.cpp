@@ -7,15 +7,15 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstdio>
-#include <cstring>
 #include <memory>
 #include <mutex>
-#include <random>
 #include <string>
 #include <thread>
 
+#include "Hold.h"
 #include "HostPlatform.h"
 #include "IGainMapBufPool.h"
+#include "PoolClient.h"
 #include "camsys/Trace.h"
 
 namespace gainmapsim {
@@ -24,11 +24,8 @@ namespace {
 using NSCam::v3::Utils::IGainMapBufPool;
 using NSCam::v3::Utils::IGainMapBufPoolManager;
 using Clock = std::chrono::steady_clock;
-using Slot = std::shared_ptr<IGainMapBufPool::BufSlot>;
 namespace trace = NSCam::Utils::Trace;
 
-// The client key under which the simulator creates, and at the end destroys, its pools.
-constexpr int32_t kUniKey = 7;
 constexpr auto kSampleInterval = std::chrono::milliseconds(5);
 // How long the teardown waits for a consumer to hold a slot before it goes ahead anyway.
 constexpr auto kTeardownWait = std::chrono::seconds(2);
@@ -91,85 +88,6 @@ auto timed(SensorReport& tally, Call call, Fn&& fn) {
   tally.latencies[static_cast<size_t>(call)].push_back(
       std::chrono::duration_cast<std::chrono::nanoseconds>(Clock::now() - begin).count());
   return result;
-}
-
-// Every plane of every buffer gets its own 64-bit seed, so bytes of another frame, another buffer
-// or another plane never pass for the expected ones.
-uint64_t patternSeed(long key, size_t buffer, size_t plane) {
-  uint64_t x = static_cast<uint64_t>(key) ^ (uint64_t{buffer} << 48) ^ (uint64_t{plane} << 60);
-  x += 0x9E3779B97F4A7C15ull;
-  x = (x ^ (x >> 30)) * 0xBF58476D1CE4E5B9ull;
-  x = (x ^ (x >> 27)) * 0x94D049BB133111EBull;
-  return x ^ (x >> 31);
-}
-
-constexpr uint64_t kPatternStep = 0x9E3779B97F4A7C15ull;
-
-void writePattern(uint8_t* data, size_t size, uint64_t seed) {
-  uint64_t word = seed;
-  size_t offset = 0;
-  for (; offset + sizeof word <= size; offset += sizeof word, word += kPatternStep) {
-    std::memcpy(data + offset, &word, sizeof word);
-  }
-  std::memcpy(data + offset, &word, size - offset);
-}
-
-bool hasPattern(uint8_t const* data, size_t size, uint64_t seed) {
-  uint64_t word = seed;
-  size_t offset = 0;
-  for (; offset + sizeof word <= size; offset += sizeof word, word += kPatternStep) {
-    if (std::memcmp(data + offset, &word, sizeof word) != 0) {
-      return false;
-    }
-  }
-  return std::memcmp(data + offset, &word, size - offset) == 0;
-}
-
-bool allZero(uint8_t const* data, size_t size) {
-  return std::all_of(data, data + size, [](uint8_t byte) { return byte == 0; });
-}
-
-// What a consumer finds in a borrowed slot.
-enum class Contents { Intact, Fresh, Corrupt };
-
-Contents inspect(Slot const& slot, long key) {
-  if (slot->validSize < 0 || static_cast<size_t>(slot->validSize) > slot->buffers.size()) {
-    return Contents::Corrupt;
-  }
-  Contents found = Contents::Intact;
-  for (size_t b = 0; b < static_cast<size_t>(slot->validSize); ++b) {
-    auto const& buffer = slot->buffers[b];
-    for (size_t p = 0; p < buffer->getPlaneCount(); ++p) {
-      auto const* data = reinterpret_cast<uint8_t const*>(buffer->getBufVA(p));
-      size_t const size = buffer->getBufSizeInBytes(p);
-      if (data == nullptr) {
-        return Contents::Corrupt;
-      }
-      if (!hasPattern(data, size, patternSeed(key, b, p))) {
-        if (!allZero(data, size)) {
-          return Contents::Corrupt;
-        }
-        found = Contents::Fresh;
-      }
-    }
-  }
-  return found;
-}
-
-// False when a buffer has no address.
-bool fill(Slot const& slot, size_t count, long key) {
-  for (size_t b = 0; b < count; ++b) {
-    auto const& buffer = slot->buffers[b];
-    for (size_t p = 0; p < buffer->getPlaneCount(); ++p) {
-      uintptr_t address = buffer->getBufVA(p);
-      if (address == 0) {
-        return false;
-      }
-      writePattern(reinterpret_cast<uint8_t*>(address), buffer->getBufSizeInBytes(p),
-                   patternSeed(key, b, p));
-    }
-  }
-  return true;
 }
 
 long frameTimestamp() {
@@ -240,13 +158,7 @@ class Simulation {
 
  private:
   void createPool(Sensor& sensor) {
-    IGainMapBufPoolManager::PoolParameters params;
-    params.sensorId = sensor.config.id;
-    params.sensorSizes.insert(sensor.config.modes.begin(), sensor.config.modes.end());
-    params.batchSize = sensor.config.batch;
-    params.slotCount = sensor.config.slots;
-    params.uniKey = kUniKey;
-    mManager->createPool(params, sensor.config.lagging);
+    mManager->createPool(poolParameters(sensor.config), sensor.config.lagging);
   }
 
   void createPools() {
@@ -402,16 +314,9 @@ class Simulation {
     report.scenarios.reconfigured = mReconfigured;
     report.scenarios.tornDown = mTornDown;
     report.scenarios.heldAtTeardown = mHeldAtTeardown;
-    // Every thread is joined: nothing of the simulator holds a replaced pool any more.
-    for (auto const& replaced : mReplaced) {
-      report.scenarios.replacedPoolsAlive += replaced.expired() ? 0 : 1;
-    }
-    mManager->destroyAllPools(kUniKey);
-    qelcam::host::waitQueuesIdle();
-    auto stats = qelcam::host::heapStats();
+    // Every thread is joined: nothing of the simulator holds a pool any more.
+    destroyPools(*mManager, mReplaced, report);
     report.peakImageBytes = mPeakBytes;
-    report.heapsLeft = stats.heapsAlive;
-    report.bytesLeft = stats.bytesAlive;
     return report;
   }
 
@@ -459,7 +364,7 @@ class Simulation {
     if (validSize == 0) {
       ++tally[Counter::ProducerEmptySlot];
     }
-    if (!fill(slot, static_cast<size_t>(validSize), key)) {
+    if (!fill(slot, static_cast<size_t>(validSize), key, Coverage::Whole)) {
       ++tally[Counter::Corrupted];
     }
     int32_t index = slot->index;
@@ -505,17 +410,16 @@ class Simulation {
   void consumerLoop(Sensor& sensor, uint32_t seed, int consumer) {
     nameThread("cons " + sensorName(sensor.config.id) + " #" + std::to_string(consumer));
     SensorReport tally;
-    std::mt19937 random(seed);
-    std::uniform_int_distribution<int> holdMs(mOptions.holdMinMs, mOptions.holdMaxMs);
+    HoldSampler holds(sensor.config.hold.value_or(mOptions.hold), seed);
     Frame frame;
     while (waitFrame(sensor, frame.seq, frame)) {
-      consumeFrame(sensor, frame, consumer, std::chrono::milliseconds(holdMs(random)), tally);
+      consumeFrame(sensor, frame, consumer, std::chrono::nanoseconds(holds.nextNs()), tally);
     }
     merge(sensor, tally);
   }
 
-  void consumeFrame(Sensor& sensor, Frame const& frame, int consumer,
-                    std::chrono::milliseconds hold, SensorReport& tally) {
+  void consumeFrame(Sensor& sensor, Frame const& frame, int consumer, std::chrono::nanoseconds hold,
+                    SensorReport& tally) {
     SimSlice slice(mTraceFlows, "consume " + sensorName(sensor.config.id));
     if (mTraceFlows) {
       trace::flowEnd(kFlowCategory, "frame", flowId(sensor, frame.seq, consumer));
@@ -536,10 +440,10 @@ class Simulation {
     auto const heldSince = Clock::now();
     ++tally[Counter::Consumed];
     ++sensor.consumed;
-    Contents contents = inspect(slot, frame.key);
+    Contents contents = inspect(slot, frame.key, Coverage::Whole);
     std::this_thread::sleep_for(hold);
     // Nobody may touch a lent slot: the frame must still be as it was when it goes back.
-    if (contents != Contents::Corrupt && inspect(slot, frame.key) != contents) {
+    if (contents != Contents::Corrupt && inspect(slot, frame.key, Coverage::Whole) != contents) {
       contents = Contents::Corrupt;
     }
     // Memory made afresh by a resume, lent under the key of a frame made before it.

@@ -78,6 +78,18 @@ void releaseQueues();
 // queues are held.
 void waitQueuesIdle();
 
+// Driving the queues from one thread (a simulation in virtual time). Every task of the process is
+// numbered in posting order, from 1; this is the newest number.
+uint64_t tasksPosted();
+// While the queues are held: runs on the calling thread the task numbered `number`, after the
+// tasks posted before it to the same queue that have not run. False when it has already run (or
+// the queues are not held).
+bool runHeldTask(uint64_t number);
+// While on and the queues are held, a caller that takes a task's future to wait for it runs that
+// task (and its queue's earlier ones) itself first, so that a barrier does not wait for workers
+// that are held. Off at start.
+void setWaitRunsHeldTasks(bool on);
+
 // The shared workers that run every queue's tasks.
 struct TaskWorkerStats {
   uint64_t workersStarted;  // since process start

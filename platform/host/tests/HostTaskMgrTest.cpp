@@ -6,6 +6,7 @@
 #include <filesystem>
 #include <future>
 #include <thread>
+#include <string>
 #include <vector>
 
 #include "HostPlatform.h"
@@ -397,6 +398,37 @@ TEST(HostCentralTaskMgr, HeldQueuesStartNothingUntilReleasedThenRunEverything) {
     future.get();
   }
   EXPECT_EQ(ran.load(), 64);
+}
+
+// One thread drives held queues: it runs a chosen task after its queue's earlier ones, and a wait
+// for a held task runs that task on the waiting thread.
+TEST(HostCentralTaskMgr, ACallerRunsHeldTasksItChoosesOrWaitsFor) {
+  auto first = makeQueue("driven-a");
+  auto second = makeQueue("driven-b");
+  std::vector<std::string> ran;  // "?" marks a task run on another thread
+  pthread_t const self = pthread_self();
+  auto const step = [&ran, self](std::string name) {
+    return [&ran, self, name] {
+      ran.push_back(name + (pthread_equal(pthread_self(), self) ? "" : "?"));
+    };
+  };
+  qelcam::host::holdQueues();
+  postStep(first, step("a1"));
+  uint64_t const a2 = qelcam::host::tasksPosted() + 1;
+  postStep(first, step("a2"));
+  postStep(second, step("b1"));
+  auto const a3 = postStep(first, step("a3"));
+
+  EXPECT_TRUE(qelcam::host::runHeldTask(a2));
+  EXPECT_FALSE(qelcam::host::runHeldTask(a2));
+  EXPECT_EQ(ran, (std::vector<std::string>{"a1", "a2"}));
+  qelcam::host::setWaitRunsHeldTasks(true);
+  a3->getFuture().wait();
+  qelcam::host::setWaitRunsHeldTasks(false);
+  EXPECT_EQ(ran, (std::vector<std::string>{"a1", "a2", "a3"}));
+  qelcam::host::releaseQueues();
+  qelcam::host::waitQueuesIdle();
+  EXPECT_EQ(ran.back(), "b1?");
 }
 
 }  // namespace

@@ -2,7 +2,9 @@
 #include <unistd.h>
 
 #include <cstdio>
+#include <cstdlib>
 #include <fstream>
+#include <iterator>
 #include <map>
 #include <set>
 #include <sstream>
@@ -82,9 +84,12 @@ std::string tempPath(std::string const& name) {
 // borrowed frame stretches every hold: starvation is not what these runs check.
 constexpr char kRelaxed[] = " --quiet --max-starved 100";
 
-TEST(GainMapSim, DefaultSensorsCarryTheirFramesCleanlyAcrossReleases) {
-  auto run = runSimulator(
-      std::string("--duration 3 --release-period 1000 --release-time 200") + kRelaxed, false);
+TEST(GainMapSim, DefaultSensorsCarryTheirFramesCleanlyAcrossReleasesTracedByTheEnvironment) {
+  std::string const tracePath = tempPath("environment.json");
+  std::remove(tracePath.c_str());
+  auto run =
+      runSimulator(std::string("--duration 3 --release-period 1000 --release-time 200") + kRelaxed,
+                   false, "QELCAM_TRACE=" + tracePath);
 
   ASSERT_TRUE(run.exited) << run.output;
   EXPECT_EQ(run.status, 0) << run.output;
@@ -106,6 +111,9 @@ TEST(GainMapSim, DefaultSensorsCarryTheirFramesCleanlyAcrossReleases) {
     EXPECT_EQ(number(table, "lost slots", sensor), 0u) << run.output;
   }
   EXPECT_TRUE(has(run.output, "image heaps left at exit 0, bytes left 0")) << run.output;
+  auto check = qelcam::host::checkChromeTrace(tracePath);
+  EXPECT_TRUE(check.problems.empty()) << check.problemText();
+  EXPECT_GT(check.trace["traceEvents"].size(), 0u);
 }
 
 TEST(GainMapSim, ASensorOfTwoModesIsReportedUnableToCarryDataAndTheRunIsNotClean) {
@@ -192,50 +200,18 @@ TEST(GainMapSim, TheTraceOfARunIsAValidChromeTraceOfSlotsCountersRefusalsAndFram
   EXPECT_EQ(json["result"], "clean");
 }
 
-TEST(GainMapSim, TheEnvironmentTracesAWholeRun) {
-  std::string const tracePath = tempPath("environment.json");
-  std::remove(tracePath.c_str());
+TEST(GainMapSim, PoolsReplacedAndThenTornDownWhileConsumersHoldSlotsLoseNothing) {
   auto run = runSimulator(
-      "--duration 1 --release-period 0 --sensor id=2,modes=0:4000x3000" + std::string(kRelaxed),
-      false, "QELCAM_TRACE=" + tracePath);
-
-  ASSERT_TRUE(run.exited) << run.output;
-  EXPECT_EQ(run.status, 0) << run.output;
-  auto check = qelcam::host::checkChromeTrace(tracePath);
-  EXPECT_TRUE(check.problems.empty()) << check.problemText();
-  size_t spans = 0;
-  for (auto const& event : check.trace["traceEvents"]) {
-    spans += event["ph"] == "b" ? 1 : 0;
-  }
-  EXPECT_GT(spans, 0u);
-}
-
-TEST(GainMapSim, APoolReplacedWhileFramesAreInFlightGoesWithItsLastHolder) {
-  auto run =
-      runSimulator(std::string("--duration 3 --release-period 0 --reconfigure") + kRelaxed, false);
+      std::string("--duration 4 --release-period 1000 --release-time 100 --reconfigure "
+                  "--teardown --hold 100-150") +
+          kRelaxed,
+      false);
 
   ASSERT_TRUE(run.exited) << run.output;
   EXPECT_EQ(run.status, 0) << run.output;
   EXPECT_TRUE(has(run.output, "note: reconfiguration: pools replaced while frames were in flight"))
       << run.output;
   EXPECT_TRUE(has(run.output, "the replaced pools went with their last holder")) << run.output;
-  auto table = parseTable(run.output);
-  for (size_t sensor = 0; sensor < 3; ++sensor) {
-    EXPECT_EQ(number(table, "lost slots", sensor), 0u) << run.output;
-    EXPECT_EQ(number(table, "getPool: empty", sensor), 0u) << run.output;
-  }
-  EXPECT_TRUE(has(run.output, "image heaps left at exit 0, bytes left 0")) << run.output;
-}
-
-TEST(GainMapSim, AClientTearingDownWhileConsumersHoldSlotsLosesNothing) {
-  auto run = runSimulator(
-      std::string("--duration 3 --release-period 1000 --release-time 100 --teardown --hold "
-                  "100-150") +
-          kRelaxed,
-      false);
-
-  ASSERT_TRUE(run.exited) << run.output;
-  EXPECT_EQ(run.status, 0) << run.output;
   EXPECT_TRUE(has(run.output, "note: client teardown: destroyAllPools ran while consumers held "))
       << run.output;
   EXPECT_TRUE(has(run.output, "they handed every slot back to the removed pools")) << run.output;
@@ -243,7 +219,7 @@ TEST(GainMapSim, AClientTearingDownWhileConsumersHoldSlotsLosesNothing) {
   for (size_t sensor = 0; sensor < 3; ++sensor) {
     EXPECT_GT(number(table, "getPool: empty after teardown", sensor), 0u) << run.output;
     EXPECT_EQ(number(table, "getPool: empty", sensor), 0u) << run.output;
-    EXPECT_EQ(number(table, "consumer set: -22", sensor), 0u) << run.output;
+    EXPECT_EQ(number(table, "lost slots", sensor), 0u) << run.output;
   }
   EXPECT_TRUE(has(run.output, "image heaps left at exit 0, bytes left 0")) << run.output;
 }
@@ -258,7 +234,6 @@ TEST(GainMapSim, BadOptionsAreRefusedWithAClearMessageAndStatusTwo) {
       {"--fps 30x", "--fps: '30x' is not a whole number"},
       {"--fps 0", "--fps: 0 is out of range [1, 240]"},
       {"--fps=99999999999999999999", "--fps: 99999999999999999999 is out of range [1, 240]"},
-      {"--consumers -1", "--consumers: -1 is out of range [0, 16]"},
       {"--hold 50", "--hold: '50' is not MIN-MAX"},
       {"--hold 90-40", "--hold: minimum 90 exceeds maximum 40"},
       {"--release-period 100 --release-time 100",
@@ -279,11 +254,20 @@ TEST(GainMapSim, BadOptionsAreRefusedWithAClearMessageAndStatusTwo) {
       {"--sensor id=0,modes=0:4000x3000 --sensor id=0,modes=0:3264x2448",
        "sensor id 0 is given twice"},
       {"--max-starved 101", "--max-starved: 101 is out of range [0, 100]"},
-      {"--trace", "option '--trace' needs a value"},
       {"--json=", "--json: needs a file name"},
-      {"--teardown=1", "option '--teardown' takes no value"},
       {"--trace /nonexistent/dir/t.json", "cannot write the trace to /nonexistent/dir/t.json"},
       {"--json /nonexistent/dir/f.json", "cannot write the figures to /nonexistent/dir/f.json"},
+      {"--hold lognormal:40", "--hold: 'lognormal:40' is not lognormal:MEDIAN:P99"},
+      {"--hold lognormal:90:40", "--hold: p99 40 is below the median 90"},
+      {"--sensor id=0,modes=0:4000x3000,hold=9", "hold: '9' is not MIN-MAX or lognormal"},
+      {"--max-drop 101", "--max-drop: 101 is out of range [0, 100]"},
+      {"--batches 1,9", "--batches: 9 is out of range [1, 8]"},
+      {"--virtual-time --trace t.json", "--trace needs real time"},
+      {"--plot p.png", "--plot draws the sizing sweep: it needs --size"},
+      {"--batches 2", "--batches lists the batch sizes of the sizing sweep: it needs --size"},
+      {"--size --reconfigure", "--size sweeps plain pools"},
+      {"--duration 5 --warm-up 5", "--warm-up 5 must be shorter than --duration 5"},
+      {"--size --plot /nonexistent/dir/p.png", "cannot write the plot to /nonexistent/dir/p.png"},
   };
   for (auto const& [args, message] : cases) {
     auto run = runSimulator(args, true);
@@ -293,6 +277,94 @@ TEST(GainMapSim, BadOptionsAreRefusedWithAClearMessageAndStatusTwo) {
     EXPECT_EQ(run.output.rfind("gainmap-sim: ", 0), 0u) << args << "\n" << run.output;
     EXPECT_NE(run.output.find(message), std::string::npos) << args << "\n" << run.output;
   }
+}
+
+// Runs the simulator with `args` and a JSON file, and gives back that file's text.
+// Runs the simulator with `args` and a JSON file, and gives back that file's text.
+std::string jsonOf(std::string const& args, std::string const& name) {
+  std::string const path = tempPath(name);
+  std::remove(path.c_str());
+  auto run = runSimulator(args + " --quiet --json " + path, false);
+  EXPECT_TRUE(run.exited && run.status != 2) << args << "\n" << run.output;
+  std::ifstream in(path);
+  return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+}
+
+nlohmann::json parsedJsonOf(std::string const& args, std::string const& name) {
+  return nlohmann::json::parse(jsonOf(args, name), nullptr, false);
+}
+
+TEST(GainMapSimVirtualTime, TheSameSeedReplaysByteForByteAndAnotherSeedDoesNot) {
+  std::string const args =
+      "--virtual-time --duration 120 --fps 60 --release-period 1500 --release-time 300 "
+      "--hold lognormal:30:150 --reconfigure --teardown --max-starved 100 "
+      "--sensor id=0,modes=0:4000x3000 --sensor id=1,modes=0:4032x2268,batch=2,lagging=1,"
+      "hold=20-60 --seed ";
+
+  std::string const first = jsonOf(args + "3", "first.json");
+  std::string const second = jsonOf(args + "3", "second.json");
+  std::string const other = jsonOf(args + "4", "other.json");
+
+  auto const json = nlohmann::json::parse(first, nullptr, false);
+  ASSERT_FALSE(json.is_discarded()) << first;
+  EXPECT_EQ(first, second);
+  EXPECT_NE(json["sensors"], nlohmann::json::parse(other, nullptr, false)["sensors"]);
+  EXPECT_EQ(json["result"], "clean") << first;
+  EXPECT_GT(json["sensors"][1]["frames"]["consumed"], 0);
+  EXPECT_FALSE(json["sensors"][0].contains("latencyUs"));
+  EXPECT_EQ(json["scenarios"]["replacedPoolsAlive"], 0);
+}
+
+// Consumers that hold every frame for H seconds at F fps, taking each frame as it is published:
+// a rotation of floor(H x F) + 1 slots never meets a busy slot. Growing to it drops frames, so
+// counted from the start the smallest pool is about that size; after a warm-up long enough to
+// grow, about half of it, since the rotation grows to twice its initial size.
+TEST(GainMapSimSizing, ConstantHoldsNeedHoldTimesRatePlusOneSlotsOrHalfOnceGrown) {
+  struct Case {
+    int fps;
+    int holdMs;
+    int needed;  // floor(H x F) + 1
+  };
+  for (Case const c : {Case{30, 110, 4}, Case{60, 250, 16}, Case{24, 500, 13}}) {
+    std::string const base = "--fps " + std::to_string(c.fps) + " --hold " +
+                             std::to_string(c.holdMs) + "-" + std::to_string(c.holdMs) +
+                             " --release-period 0 --duration 20 ";
+    std::string const sensor = "--sensor id=0,modes=0:4000x3000";
+    SCOPED_TRACE(base);
+
+    auto const exact = parsedJsonOf(
+        base + "--virtual-time " + sensor + ",slots=" + std::to_string(c.needed), "exact.json");
+    auto const cold = parsedJsonOf("--size " + base + sensor, "cold.json");
+    auto const warm = parsedJsonOf("--size --warm-up 10 " + base + sensor, "warm.json");
+
+    EXPECT_EQ(exact["sensors"][0]["producerRefused"]["held by consumers"], 0);
+    EXPECT_EQ(exact["sensors"][0]["frames"]["dropped"], 0);
+    for (auto const& [json, expected] :
+         {std::pair{cold, c.needed}, std::pair{warm, (c.needed + 1) / 2}}) {
+      auto const& sweep = json["sizing"][0];
+      int const answer = sweep["answer"].get<int>();
+      EXPECT_LE(std::abs(answer - expected), 1) << sweep.dump();
+      ASSERT_EQ(sweep["rows"].size(), static_cast<size_t>(answer)) << sweep.dump();
+      for (auto const& row : sweep["rows"]) {
+        EXPECT_EQ(row["dropped"] == 0, row["slots"] == answer) << row.dump();
+      }
+    }
+  }
+}
+
+TEST(GainMapSimVirtualTime, ADearerAllocationDropsMoreFramesWhileThePoolGrows) {
+  std::string const args =
+      "--virtual-time --fps 60 --hold 200-200 --release-period 0 --duration 10 --max-starved 100 "
+      "--sensor id=0,modes=0:4000x3000,slots=7 --alloc-cost-us ";
+
+  auto const cheap = parsedJsonOf(args + "65", "cheap.json")["sensors"][0];
+  auto const dear = parsedJsonOf(args + "200000", "dear.json")["sensors"][0];
+
+  EXPECT_EQ(cheap["producerRefused"]["rotation at its maximum"], 0);
+  EXPECT_EQ(dear["producerRefused"]["rotation at its maximum"], 0);
+  EXPECT_EQ(cheap["producerRefused"]["not ready"], 0);
+  EXPECT_GT(dear["producerRefused"]["not ready"], 0);
+  EXPECT_GT(dear["frames"]["dropped"], cheap["frames"]["dropped"]);
 }
 
 TEST(GainMapSim, HelpPrintsTheUsageAndRunsNothing) {

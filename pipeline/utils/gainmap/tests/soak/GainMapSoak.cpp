@@ -17,7 +17,6 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <future>
 #include <memory>
 #include <mutex>
@@ -26,12 +25,14 @@
 #include <thread>
 #include <vector>
 
+#include "FramePattern.h"
 #include "HostPlatform.h"
 #include "IGainMapBufPool.h"
 #include "camsys/ULog.h"
 
 namespace {
 
+namespace framepattern = qelcam::framepattern;
 using NSCam::MSize;
 using NSCam::v3::Utils::IGainMapBufPool;
 using NSCam::v3::Utils::IGainMapBufPoolManager;
@@ -107,19 +108,13 @@ struct Sensor {
   std::atomic<uint64_t> tried[kConsumersPerSensor] = {};
 };
 
-uint8_t fillByte(long key, size_t buffer) {
-  return static_cast<uint8_t>((static_cast<uint64_t>(key) * 131u + buffer * 7u) % 255u + 1u);
-}
-
 uint8_t* bytesOf(std::shared_ptr<qcam::IImageBuffer> const& buffer) {
   return reinterpret_cast<uint8_t*>(buffer->getBufVA(0));
 }
 
 void writeFrame(std::shared_ptr<qcam::IImageBuffer> const& buffer, long key, size_t b) {
-  uint8_t* bytes = bytesOf(buffer);
-  size_t const size = buffer->getBufSizeInBytes(0);
-  std::memset(bytes, fillByte(key, b), size);
-  std::memcpy(bytes, &key, sizeof(key));
+  framepattern::write(bytesOf(buffer), buffer->getBufSizeInBytes(0),
+                      framepattern::seedOf(key, b, 0));
 }
 
 enum class Content { Intact, AllZero, Other };
@@ -127,16 +122,10 @@ enum class Content { Intact, AllZero, Other };
 Content contentOf(std::shared_ptr<qcam::IImageBuffer> const& buffer, long key, size_t b) {
   uint8_t const* bytes = bytesOf(buffer);
   size_t const size = buffer->getBufSizeInBytes(0);
-  long written = 0;
-  std::memcpy(&written, bytes, sizeof(written));
-  uint8_t const value = fillByte(key, b);
-  bool intact = written == key;
-  bool zero = true;
-  for (size_t i = 0; i < size; ++i) {
-    intact = intact && (i < sizeof(key) || bytes[i] == value);
-    zero = zero && bytes[i] == 0;
+  if (framepattern::matches(bytes, size, framepattern::seedOf(key, b, 0))) {
+    return Content::Intact;
   }
-  return intact ? Content::Intact : zero ? Content::AllZero : Content::Other;
+  return framepattern::allZero(bytes, size) ? Content::AllZero : Content::Other;
 }
 
 class Soak {
