@@ -710,7 +710,7 @@ int runMain(int argc, char** argv, std::vector<Scenario> const& scenarios) {
                    argv[0]);
       return 2;
     }
-    i += value != nullptr && arg != "--list" ? 1 : 0;
+    ++i;  // every other option takes a value
   }
   reportCrashes();
   int status = 0;

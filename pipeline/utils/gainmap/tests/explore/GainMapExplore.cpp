@@ -226,6 +226,13 @@ std::shared_ptr<Pool> slotZeroRead(uint32_t slots, SlotPtr* reader) {
   return pool;
 }
 
+// The client's part of a race; then, once every thread has ended, the pool at rest.
+void raceClient(Pool& pool, std::function<void()> client) {
+  spawn("client", std::move(client));
+  explore::joinAll();
+  checkAtRest(pool);
+}
+
 // Every scenario ends with its pools gone and their memory with them.
 explore::Scenario scenario(std::string name, int bound, std::function<void()> body) {
   return {std::move(name), bound, [body = std::move(body)] {
@@ -239,9 +246,7 @@ explore::Scenario scenario(std::string name, int bound, std::function<void()> bo
 void releaseVsProducerGet() {
   auto pool = newPool(2);
   spawn("producer", [&] { expect("a frame", produce(*pool, 1), {"0", "released"}); });
-  spawn("client", [&] { pool->setPoolReleased(); });
-  explore::joinAll();
-  checkAtRest(*pool);
+  raceClient(*pool, [&] { pool->setPoolReleased(); });
 }
 
 // A release against the producer handing its slot back: the slot is freed either way.
@@ -251,9 +256,7 @@ void releaseVsProducerSet() {
   spawn("producer", [&] {
     expect("setProducerBuffer", outcome(pool->setProducerBuffer(100, 1, writing)), {"0"});
   });
-  spawn("client", [&] { pool->setPoolReleased(); });
-  explore::joinAll();
-  checkAtRest(*pool);
+  raceClient(*pool, [&] { pool->setPoolReleased(); });
 }
 
 // A release against a consumer that returns slot 0 and borrows slot 1.
@@ -266,9 +269,7 @@ void releaseVsConsumer() {
     // A borrow that passed the released mark just before the release task freed slot 1.
     borrow(*pool, 101, 1, {"lent", "released", "buffers released"});
   });
-  spawn("client", [&] { pool->setPoolReleased(); });
-  explore::joinAll();
-  checkAtRest(*pool);
+  raceClient(*pool, [&] { pool->setPoolReleased(); });
 }
 
 // A resume against the return of a slot held since before the release: it keeps its memory.
@@ -279,9 +280,7 @@ void resumeVsConsumerReturn() {
   pool->setPoolReleased();
   explore::settle();
   spawn("consumer", [&] { held.giveBack(*pool); });
-  spawn("client", [&] { pool->setPoolResume(); });
-  explore::joinAll();
-  checkAtRest(*pool);
+  raceClient(*pool, [&] { pool->setPoolResume(); });
 }
 
 // A resume against a consumer quoting a frame from before the release.
@@ -292,9 +291,7 @@ void resumeVsStaleConsumer() {
   explore::settle();
   // A frame from before the release may be lent on the slot's fresh memory.
   spawn("consumer", [&] { borrow(*pool, 100, 0, {"lent", "released"}); });
-  spawn("client", [&] { pool->setPoolResume(); });
-  explore::joinAll();
-  checkAtRest(*pool);
+  raceClient(*pool, [&] { pool->setPoolResume(); });
 }
 
 // A growth of the rotation against a release: the grown slot gets no memory in a released pool.
@@ -437,12 +434,10 @@ void framesFlowWhileReleasedAndResumed() {
   produce(*pool, 100);
   spawn("producer", [&] { expect("a frame", produce(*pool, 101), {"0", "released"}); });
   spawn("consumer", [&] { borrow(*pool, 100, 0, {"lent", "released", "buffers released"}); });
-  spawn("client", [&] {
+  raceClient(*pool, [&] {
     pool->setPoolReleased();
     pool->setPoolResume();
   });
-  explore::joinAll();
-  checkAtRest(*pool);
 }
 
 std::vector<explore::Scenario> scenarios() {
