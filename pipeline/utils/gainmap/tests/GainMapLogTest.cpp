@@ -8,7 +8,6 @@
 
 namespace {
 
-using NSCam::Utils::ULog::ULogger;
 using qelcam::host::LogCapture;
 using qelcam::host::LogRecord;
 using Sink = LogRecord::Sink;
@@ -19,28 +18,7 @@ constexpr uint32_t kAllDebugBits = 0x201000;
 // Sets the gates a test needs and puts the process's own gates back afterwards.
 class GainMapLog : public testing::Test {
  protected:
-  void SetUp() override {
-    mMode = ULogger::sMode;
-    mLevel = ULogger::sDetailsLevel;
-    mMask = ULogger::sNormalDetailsMask;
-    for (int level = 0; level < CAM_DBG_LEVEL_COUNT; ++level) {
-      mEnabled[level] = g_logInfoLv[level].enable;
-    }
-  }
-  void TearDown() override {
-    ULogger::sMode = mMode;
-    ULogger::sDetailsLevel = mLevel;
-    ULogger::sNormalDetailsMask = mMask;
-    for (int level = 0; level < CAM_DBG_LEVEL_COUNT; ++level) {
-      g_logInfoLv[level].enable = mEnabled[level];
-    }
-  }
-
-  static void gates(uint32_t mode, uint32_t level, uint32_t mask) {
-    ULogger::sMode = mode;
-    ULogger::sDetailsLevel = level;
-    ULogger::sNormalDetailsMask = mask;
-  }
+  void gates(uint32_t mode, uint32_t level, uint32_t mask) { mGates.set(mode, level, mask); }
 
   static std::vector<LogRecord> of(std::vector<LogRecord> const& records, Sink sink) {
     std::vector<LogRecord> picked;
@@ -68,10 +46,7 @@ class GainMapLog : public testing::Test {
   }
 
  private:
-  uint32_t mMode = 0;
-  uint32_t mLevel = 0;
-  uint32_t mMask = 0;
-  uint32_t mEnabled[CAM_DBG_LEVEL_COUNT] = {};
+  qelcam::host::LogGates mGates;
 };
 
 // Which sinks a message of each class reaches under the gates of the environment.

@@ -10,7 +10,6 @@
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
-#include <cstdarg>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -50,16 +49,6 @@ constexpr int kDebug = 5;
 constexpr size_t kStride8 = 576;
 constexpr size_t kMap4x3Bytes = 432 * kStride8;   // 4000x3000
 constexpr size_t kMap16x9Bytes = 324 * kStride8;  // 4000x2250
-
-inline std::string printed(char const* format, ...) __attribute__((format(printf, 1, 2)));
-inline std::string printed(char const* format, ...) {
-  char text[1024];
-  va_list args;
-  va_start(args, format);
-  std::vsnprintf(text, sizeof(text), format, args);
-  va_end(args);
-  return text;
-}
 
 // How long any wait of a test may take before the run is declared stuck. Generous: a stuck wait
 // means a broken interleaving, never a slow machine.
@@ -309,12 +298,7 @@ class PoolTest : public ::testing::Test {
   using ULogger = NSCam::Utils::ULog::ULogger;
 
   void SetUp() override {
-    mSavedLevel = ULogger::sDetailsLevel;
-    mSavedMask = ULogger::sNormalDetailsMask;
-    mSavedMode = ULogger::sMode;
-    ULogger::sDetailsLevel = 5;
-    ULogger::sNormalDetailsMask |= 0x201000;
-    ULogger::sMode = 0x2;
+    mGates.set(0x2, 5, ULogger::sNormalDetailsMask | 0x201000);
     qelcam::host::setGainMapFormats({qelcam::host::kFormatGainMap8});
     mCapture = std::make_unique<qelcam::host::LogCapture>();
     mBaseline = qelcam::host::heapStats();
@@ -330,9 +314,6 @@ class PoolTest : public ::testing::Test {
     qelcam::host::setGainMapFormats({qelcam::host::kFormatGainMap8});
     qelcam::host::failHeapCreates(0);
     qelcam::host::failLockBufAt(-1);
-    ULogger::sDetailsLevel = mSavedLevel;
-    ULogger::sNormalDetailsMask = mSavedMask;
-    ULogger::sMode = mSavedMode;
   }
 
   // The pool once its creation task has run.
@@ -379,7 +360,6 @@ class PoolTest : public ::testing::Test {
     }
     return n;
   }
-  bool logged(std::string const& text, int level) const { return count(text, level) > 0; }
   // Position of the first record with this text, or -1.
   long positionOf(std::string const& text) const {
     auto records = logs();
@@ -439,10 +419,8 @@ class PoolTest : public ::testing::Test {
   qelcam::host::HeapStats mBaseline{};
 
  private:
+  qelcam::host::LogGates mGates;
   std::unique_ptr<qelcam::host::LogCapture> mCapture;
-  uint32_t mSavedLevel = 0;
-  uint32_t mSavedMask = 0;
-  uint32_t mSavedMode = 0;
   std::atomic<bool> mHeld{false};
 };
 
