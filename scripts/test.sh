@@ -2,7 +2,7 @@
 # Installs what is missing, configures, builds and runs every test.
 #   scripts/test.sh                      g++, no sanitizer, in build/ (benchmarks built too); then
 #                                        installs the package into a temporary prefix and builds
-#                                        and runs its consumer
+#                                        and runs its consumer; prints the test budget
 #   scripts/test.sh asan                 g++ with AddressSanitizer + UBSan, in build-asan/
 #   scripts/test.sh tsan                 clang with ThreadSanitizer and -Wthread-safety, in build-tsan/
 #   scripts/test.sh arm64                aarch64-linux-gnu-g++, in build-arm64/, every test run under
@@ -64,6 +64,7 @@ case "$flavour" in
   plain)
     ctest --test-dir "$dir" --output-on-failure -j"$(nproc)"
     scripts/check-package.sh "$dir"
+    scripts/test-budget.sh
     ;;
   *) ctest --test-dir "$dir" --output-on-failure -j"$(nproc)" ;;
 esac
