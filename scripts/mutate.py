@@ -174,18 +174,15 @@ class Restorer:
             self.path = None
 
 
-def run(command, log, timeout=None):
+def run(command, log):
+    """Runs `command` in the repository; its status, output and seconds."""
     started = time.monotonic()
-    try:
-        result = subprocess.run(command, cwd=ROOT, stdout=subprocess.PIPE, stderr=subprocess.STDOUT,
-                                text=True, timeout=timeout)
-        output, code = result.stdout, result.returncode
-    except subprocess.TimeoutExpired as expired:
-        output, code = (expired.stdout or b"").decode() if isinstance(expired.stdout, bytes) else (expired.stdout or ""), -1
+    result = subprocess.run(command, cwd=ROOT, stdout=subprocess.PIPE, stderr=subprocess.STDOUT,
+                            text=True)
     if log:
-        log.write(output)
+        log.write(result.stdout)
         log.flush()
-    return code, output, time.monotonic() - started
+    return result.returncode, result.stdout, time.monotonic() - started
 
 
 def main():
