@@ -4,9 +4,11 @@
 
 #include <gtest/gtest.h>
 
+#include <condition_variable>
 #include <cstring>
 #include <functional>
 #include <future>
+#include <mutex>
 #include <new>
 #include <set>
 
@@ -291,6 +293,39 @@ TEST_F(GainMapStoryTest, IdleSlotsLoseTheirMemoryAtOnceHeldSlotsWhenTheirLastUse
                                    "[0]: (0, 0, 2, 100, 2), [1]: (0, 0, 2, 101, 2), "
                                    "[2]: (0, 0, 2, 0, 2), [3]: (0, 0, 2, 0, 0), "
                                    "[4]: (0, 0, 2, 0, 0), [5]: (0, 0, 2, 0, 0), "));
+}
+
+TEST_F(GainMapStoryTest, AReleaseReturnsOnlyOnceTheCreationStillQueuedHasRun) {
+  std::mutex mutex;
+  std::condition_variable changed;
+  bool begun = false;  // guarded by mutex
+  qelcam::host::TraceListener listener([&](qelcam::host::TraceEvent const& event) {
+    if (event.phase == 'B' && event.name.rfind("setPoolReleased", 0) == 0) {
+      std::lock_guard<std::mutex> lock(mutex);
+      begun = true;
+      changed.notify_all();
+    }
+  });
+  hold();
+  auto pool = std::make_shared<Pool>(fourByThree(2, 3), false);
+  auto released = std::async(std::launch::async, [&] {
+    int const status = pool->setPoolReleased();
+    // What the log held when the release returned.
+    return std::make_pair(status, count("[operator()] [s:3] async create pool done", kDebug));
+  });
+  {
+    std::unique_lock<std::mutex> lock(mutex);
+    waitUntil(
+        changed, lock, [&] { return begun; }, "the release to begin");
+  }
+  release();
+  auto const [status, creations] = getWithin(released, "setPoolReleased");
+  EXPECT_EQ(status, 0);
+  EXPECT_EQ(creations, 1);
+  waitIdle();
+  // The creation's heaps, freed by the release that followed it.
+  EXPECT_EQ(heapsAdded(), 0u);
+  EXPECT_EQ(qelcam::host::heapStats().heapsCreated, mBaseline.heapsCreated + 3);
 }
 
 TEST_F(GainMapStoryTest, BusySlotsAreReportedAndOutliveThePoolWithoutBuffers) {
