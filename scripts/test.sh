@@ -2,7 +2,7 @@
 # Installs what is missing, configures, builds and runs every test.
 #   scripts/test.sh                      g++, no sanitizer, in build/ (benchmarks built too); then
 #                                        installs the package into a temporary prefix and builds
-#                                        and runs its consumer
+#                                        and runs its consumer; prints the test budget
 #   scripts/test.sh asan                 g++ with AddressSanitizer + UBSan, in build-asan/
 #   plain, asan and tsan also explore every interleaving scenario of the pool to its preemption
 #   bound (gainmap_explore_pool_scenarios, outside CTest; under tsan it reports data races too);
@@ -77,6 +77,7 @@ case "$flavour" in
     fi
     if [ "$flavour" = plain ]; then
       scripts/check-package.sh "$dir"
+      scripts/test-budget.sh
     fi
     ;;
   *) ctest --test-dir "$dir" --output-on-failure -j"$(nproc)" ;;

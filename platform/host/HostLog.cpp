@@ -175,5 +175,32 @@ void setDebugPrintLevelEnabled(int level, bool enabled) {
   }
 }
 
+using NSCam::Utils::ULog::ULogger;
+
+LogGates::LogGates()
+    : mMode(ULogger::sMode),
+      mLevel(ULogger::sDetailsLevel),
+      mMask(ULogger::sNormalDetailsMask),
+      mEnabled(CAM_DBG_LEVEL_COUNT) {
+  for (int level = 0; level < CAM_DBG_LEVEL_COUNT; ++level) {
+    mEnabled[static_cast<size_t>(level)] = g_logInfoLv[level].enable;
+  }
+}
+
+LogGates::~LogGates() {
+  ULogger::sMode = mMode;
+  ULogger::sDetailsLevel = mLevel;
+  ULogger::sNormalDetailsMask = mMask;
+  for (int level = 0; level < CAM_DBG_LEVEL_COUNT; ++level) {
+    g_logInfoLv[level].enable = mEnabled[static_cast<size_t>(level)];
+  }
+}
+
+void LogGates::set(uint32_t mode, uint32_t level, uint32_t mask) {
+  ULogger::sMode = mode;
+  ULogger::sDetailsLevel = level;
+  ULogger::sNormalDetailsMask = mask;
+}
+
 }  // namespace host
 }  // namespace qelcam

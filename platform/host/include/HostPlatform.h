@@ -56,6 +56,25 @@ class LogCapture {
 // The enable bit of g_logInfoLv[level].
 void setDebugPrintLevelEnabled(int level, bool enabled);
 
+// Keeps the process's log gates (the logger's mode, details level and mask, and every
+// debug-print level's enable bit) as they were at its construction, and puts them back when it
+// goes; set() changes the first three meanwhile.
+class LogGates {
+ public:
+  LogGates();
+  ~LogGates();
+  LogGates(LogGates const&) = delete;
+  LogGates& operator=(LogGates const&) = delete;
+
+  void set(uint32_t mode, uint32_t level, uint32_t mask);
+
+ private:
+  uint32_t mMode;
+  uint32_t mLevel;
+  uint32_t mMask;
+  std::vector<uint32_t> mEnabled;
+};
+
 struct HeapStats {
   uint64_t heapsCreated;   // since process start
   uint64_t heapsAlive;     // heaps whose memory is still mapped

@@ -35,50 +35,6 @@ std::shared_ptr<NSCam::CTM::TaskHandle> postStep(std::shared_ptr<TaskQueue>& que
   return handle;
 }
 
-TEST(HostTaskQueue, RunsEachPostersTasksInPostingOrderOneAtATime) {
-  constexpr int kPosters = 4;
-  constexpr int kTasksEach = 250;
-  auto queue = makeQueue("order");
-  // Written only by the queue's tasks, read after waitQueuesIdle.
-  std::vector<std::pair<int, int>> ran;
-  std::atomic<int> running{0};
-  std::atomic<bool> overlapped{false};
-  std::promise<void> start;
-  std::shared_future<void> go = start.get_future().share();
-
-  std::vector<std::thread> posters;
-  for (int p = 0; p < kPosters; ++p) {
-    posters.emplace_back([&, p] {
-      go.wait();
-      for (int n = 0; n < kTasksEach; ++n) {
-        CentralTaskMgr::asyncPost(queue, 1, [&, p, n] {
-          if (running.fetch_add(1) != 0) {
-            overlapped = true;
-          }
-          ran.emplace_back(p, n);
-          running.fetch_sub(1);
-        });
-      }
-    });
-  }
-  start.set_value();
-  for (auto& t : posters) {
-    t.join();
-  }
-  qelcam::host::waitQueuesIdle();
-
-  EXPECT_FALSE(overlapped);
-  ASSERT_EQ(ran.size(), static_cast<size_t>(kPosters * kTasksEach));
-  std::vector<int> next(kPosters, 0);
-  for (auto const& [poster, n] : ran) {
-    EXPECT_EQ(n, next[static_cast<size_t>(poster)]) << "poster " << poster;
-    next[static_cast<size_t>(poster)] = n + 1;
-  }
-  for (int p = 0; p < kPosters; ++p) {
-    EXPECT_EQ(next[static_cast<size_t>(p)], kTasksEach);
-  }
-}
-
 TEST(HostTaskQueue, BarrierFutureIsReadyOnlyAfterEveryEarlierTask) {
   auto queue = makeQueue("barrier");
   std::vector<int> ran;
@@ -149,24 +105,6 @@ TEST(HostTaskQueue, PostingToNoQueueDropsTheTaskAndBreaksItsPromise) {
   EXPECT_EQ(lines[0].priority, ANDROID_LOG_ERROR);
   EXPECT_EQ(lines[0].tag, "QelCam/HostTaskMgr");
   EXPECT_EQ(lines[0].text, "[_asyncPost] no queue, task dropped");
-}
-
-TEST(HostTaskQueue, WaitQueuesIdleReturnsAfterEveryQueueRanWhatWasPosted) {
-  auto first = makeQueue("idle-1");
-  auto second = makeQueue("idle-2");
-  std::vector<int> firstRan;
-  std::vector<int> secondRan;
-
-  qelcam::host::holdQueues();
-  for (int n = 0; n < 500; ++n) {
-    CentralTaskMgr::asyncPost(first, 1, [&firstRan, n] { firstRan.push_back(n); });
-    CentralTaskMgr::asyncPost(second, 1, [&secondRan, n] { secondRan.push_back(n); });
-  }
-  qelcam::host::releaseQueues();
-  qelcam::host::waitQueuesIdle();
-
-  EXPECT_EQ(firstRan.size(), 500u);
-  EXPECT_EQ(secondRan.size(), 500u);
 }
 
 // Threads of this process, as the kernel lists them.
@@ -374,30 +312,6 @@ TEST(HostCentralTaskMgr, SurplusWorkersEndOnceIdleAndTheKeptOnesStillServe) {
   EXPECT_EQ(qelcam::host::taskWorkerStats().workersAlive, kept);
   runOnce(probe);
   qelcam::host::setTaskWorkerLinger(std::chrono::seconds(5));
-}
-
-TEST(HostCentralTaskMgr, HeldQueuesStartNothingUntilReleasedThenRunEverything) {
-  std::vector<std::shared_ptr<TaskQueue>> queues;
-  std::vector<std::shared_future<void>> done;
-  std::atomic<int> ran{0};
-
-  qelcam::host::holdQueues();
-  for (int q = 0; q < 16; ++q) {
-    queues.push_back(makeQueue("held"));
-    for (int n = 0; n < 4; ++n) {
-      done.push_back(postStep(queues.back(), [&ran] { ++ran; })->getFuture());
-    }
-  }
-  for (auto const& future : done) {
-    EXPECT_EQ(future.wait_for(std::chrono::seconds(0)), std::future_status::timeout);
-  }
-  EXPECT_EQ(ran.load(), 0);
-  qelcam::host::releaseQueues();
-
-  for (auto const& future : done) {
-    future.get();
-  }
-  EXPECT_EQ(ran.load(), 64);
 }
 
 // One thread drives held queues: it runs a chosen task after its queue's earlier ones, and a wait

@@ -8,7 +8,6 @@
 
 namespace {
 
-using NSCam::Utils::ULog::ULogger;
 using qelcam::host::LogCapture;
 using qelcam::host::LogRecord;
 using Sink = LogRecord::Sink;
@@ -19,28 +18,7 @@ constexpr uint32_t kAllDebugBits = 0x201000;
 // Sets the gates a test needs and puts the process's own gates back afterwards.
 class GainMapLog : public testing::Test {
  protected:
-  void SetUp() override {
-    mMode = ULogger::sMode;
-    mLevel = ULogger::sDetailsLevel;
-    mMask = ULogger::sNormalDetailsMask;
-    for (int level = 0; level < CAM_DBG_LEVEL_COUNT; ++level) {
-      mEnabled[level] = g_logInfoLv[level].enable;
-    }
-  }
-  void TearDown() override {
-    ULogger::sMode = mMode;
-    ULogger::sDetailsLevel = mLevel;
-    ULogger::sNormalDetailsMask = mMask;
-    for (int level = 0; level < CAM_DBG_LEVEL_COUNT; ++level) {
-      g_logInfoLv[level].enable = mEnabled[level];
-    }
-  }
-
-  static void gates(uint32_t mode, uint32_t level, uint32_t mask) {
-    ULogger::sMode = mode;
-    ULogger::sDetailsLevel = level;
-    ULogger::sNormalDetailsMask = mask;
-  }
+  void gates(uint32_t mode, uint32_t level, uint32_t mask) { mGates.set(mode, level, mask); }
 
   static std::vector<LogRecord> of(std::vector<LogRecord> const& records, Sink sink) {
     std::vector<LogRecord> picked;
@@ -68,98 +46,89 @@ class GainMapLog : public testing::Test {
   }
 
  private:
-  uint32_t mMode = 0;
-  uint32_t mLevel = 0;
-  uint32_t mMask = 0;
-  uint32_t mEnabled[CAM_DBG_LEVEL_COUNT] = {};
+  qelcam::host::LogGates mGates;
 };
 
-TEST_F(GainMapLog, DetailsLevelFourLetsWarningsAndInfoThroughButNotDebug) {
-  gates(0x2, 4, kAllDebugBits);
-  LogCapture capture;
+// Which sinks a message of each class reaches under the gates of the environment.
+struct GateRow {
+  uint32_t mode;
+  uint32_t level;
+  uint32_t mask;
+  char cls;  // E, W, I or D
+  bool logger;
+  bool debugPrint;
+  // Whether the message's arguments are worked out: its class gate passed, whatever the sinks.
+  bool evaluated;
+};
 
-  GMP_LOGE("[%s] e %d", counted());
-  GMP_LOGW("[%s] w %d", counted());
-  GMP_LOGI("[%s] i %d", counted());
-  GMP_LOGD("[%s] d %d", counted());
-
-  EXPECT_EQ(mEvaluated, 3) << "the debug message's arguments are never worked out";
-  auto records = capture.records();
-  ASSERT_EQ(records.size(), 3u);
-  EXPECT_EQ(texts(records, Sink::Logger),
-            (std::vector<std::string>{"[TestBody] e 1", "[TestBody] w 2", "[TestBody] i 3"}));
-  for (int i = 0; i < 3; ++i) {
-    auto const& record = records[static_cast<size_t>(i)];
-    EXPECT_EQ(record.level, i + 1);
-    EXPECT_EQ(record.moduleId, 0x201004u);
-    EXPECT_EQ(record.tag, kTag);
+TEST_F(GainMapLog, EachClassReachesTheSinksItsGatesOpenAndIsOtherwiseNeverWorkedOut) {
+  GateRow const rows[] = {
+      {0x2, 4, kAllDebugBits, 'E', true, false, true},
+      {0x2, 4, kAllDebugBits, 'W', true, false, true},
+      {0x2, 4, kAllDebugBits, 'I', true, false, true},
+      {0x2, 4, kAllDebugBits, 'D', false, false, false},
+      {0x2, 1, kAllDebugBits, 'E', true, false, true},
+      {0x2, 1, kAllDebugBits, 'W', false, false, false},
+      {0x2, 2, kAllDebugBits, 'W', true, false, true},
+      {0x2, 2, kAllDebugBits, 'I', false, false, false},
+      {0x2, 3, kAllDebugBits, 'I', true, false, true},
+      {0x3, 5, kAllDebugBits, 'D', true, true, true},
+      {0x3, 5, kAllDebugBits & ~0x1000u, 'D', false, false, false},
+      {0x3, 5, kAllDebugBits & ~0x200000u, 'D', false, false, false},
+      {0x0, 5, kAllDebugBits, 'E', false, false, true},
+      {0x0, 5, kAllDebugBits, 'D', false, false, true},
+      {0x1, 4, 0, 'I', false, true, true},
+      {0x8, 4, 0, 'I', true, false, true},
+      {0x8, 4, 0, 'E', true, false, true},
+  };
+  for (GateRow const& row : rows) {
+    gates(row.mode, row.level, row.mask);
+    LogCapture capture;
+    mEvaluated = 0;
+    switch (row.cls) {
+      case 'E':
+        GMP_LOGE("[%s] %d", counted());
+        break;
+      case 'W':
+        GMP_LOGW("[%s] %d", counted());
+        break;
+      case 'I':
+        GMP_LOGI("[%s] %d", counted());
+        break;
+      default:
+        GMP_LOGD("[%s] %d", counted());
+        break;
+    }
+    std::string const which = std::string("class ") + row.cls + ", mode " +
+                              std::to_string(row.mode) + ", level " + std::to_string(row.level);
+    auto const logger = of(capture.records(), Sink::Logger);
+    EXPECT_EQ(logger.size(), row.logger ? 1u : 0u) << which;
+    EXPECT_EQ(of(capture.records(), Sink::DebugPrint).size(), row.debugPrint ? 1u : 0u) << which;
+    EXPECT_EQ(mEvaluated, row.evaluated ? 1 : 0) << which;
+    if (!logger.empty()) {
+      int const level = row.cls == 'E' ? 1 : row.cls == 'W' ? 2 : row.cls == 'I' ? 3 : 5;
+      EXPECT_EQ(logger[0].level, level) << which;
+      EXPECT_EQ(logger[0].text, "[TestBody] 1") << which;
+      EXPECT_EQ(logger[0].moduleId, 0x201004u) << which;
+      EXPECT_EQ(logger[0].tag, kTag) << which;
+    }
   }
-
-  gates(0x2, 1, kAllDebugBits);
-  capture.clear();
-  GMP_LOGW("[%s] w %d", counted());
-  GMP_LOGI("[%s] i %d", counted());
-  GMP_LOGE("[%s] e %d", counted());
-  EXPECT_EQ(texts(capture.records(), Sink::Logger), std::vector<std::string>{"[TestBody] e 4"});
 }
 
-TEST_F(GainMapLog, DebugNeedsLevelFiveAndEveryModuleBit) {
-  gates(0x3, 5, kAllDebugBits & ~0x1000u);
-  LogCapture capture;
-  GMP_LOGD("[%s] d %d", counted());
-  gates(0x3, 5, kAllDebugBits & ~0x200000u);
-  GMP_LOGD("[%s] d %d", counted());
-  EXPECT_TRUE(capture.records().empty());
-  EXPECT_EQ(mEvaluated, 0);
-
-  gates(0x3, 5, 0xffffffff);
-  int const line = __LINE__ + 1;
-  GMP_LOGD("[%s] d %d", counted());
-  auto records = capture.records();
-  ASSERT_EQ(records.size(), 2u);
-  EXPECT_EQ(records[0].sink, Sink::DebugPrint);
-  EXPECT_EQ(records[0].level, CAM_DBG_DEBUG);
-  EXPECT_EQ(records[0].text, "D/[QelCam/GainMapPool] GainMapPool:" + std::to_string(line) +
-                                 " TestBody() [TestBody] d 1");
-  EXPECT_EQ(records[1].sink, Sink::Logger);
-  EXPECT_EQ(records[1].level, 5);
-  EXPECT_EQ(records[1].text, "[TestBody] d 1");
-}
-
-TEST_F(GainMapLog, ModeZeroWritesNothingNotEvenErrors) {
-  gates(0, 5, kAllDebugBits);
-  LogCapture capture;
-  GMP_LOGE("[%s] e");
-  GMP_LOGW("[%s] w");
-  GMP_LOGI("[%s] i");
-  GMP_LOGD("[%s] d");
-  EXPECT_TRUE(capture.records().empty());
-}
-
-TEST_F(GainMapLog, SinksFollowTheModeBitsAndADisabledLevelSkipsOnlyTheDebugPrintSink) {
-  gates(0x1, 4, 0);
-  LogCapture capture;
-  GMP_LOGI("[%s] debug-print only");
-  EXPECT_EQ(of(capture.records(), Sink::DebugPrint).size(), 1u);
-  EXPECT_TRUE(of(capture.records(), Sink::Logger).empty());
-
-  gates(0x8, 4, 0);
-  capture.clear();
-  GMP_LOGI("[%s] logger only");
-  EXPECT_TRUE(of(capture.records(), Sink::DebugPrint).empty());
-  EXPECT_EQ(texts(capture.records(), Sink::Logger),
-            std::vector<std::string>{"[TestBody] logger only"});
-
-  gates(0x3, 4, 0);
+TEST_F(GainMapLog, ADisabledDebugPrintLevelSkipsThatSinkOnly) {
+  gates(0x3, 5, kAllDebugBits);
   qelcam::host::setDebugPrintLevelEnabled(CAM_DBG_WARN, false);
-  capture.clear();
+  LogCapture capture;
+  int const line = __LINE__ + 2;
   GMP_LOGW("[%s] warning");
-  GMP_LOGI("[%s] info");
+  GMP_LOGD("[%s] d %d", 1);
   auto records = capture.records();
-  ASSERT_EQ(of(records, Sink::DebugPrint).size(), 1u);
-  EXPECT_EQ(of(records, Sink::DebugPrint)[0].level, CAM_DBG_INFO);
+  EXPECT_EQ(texts(records, Sink::DebugPrint),
+            std::vector<std::string>{"D/[QelCam/GainMapPool] GainMapPool:" + std::to_string(line) +
+                                     " TestBody() [TestBody] d 1"});
+  EXPECT_EQ(of(records, Sink::DebugPrint)[0].level, CAM_DBG_DEBUG);
   EXPECT_EQ(texts(records, Sink::Logger),
-            (std::vector<std::string>{"[TestBody] warning", "[TestBody] info"}));
+            (std::vector<std::string>{"[TestBody] warning", "[TestBody] d 1"}));
 }
 
 TEST_F(GainMapLog, AnErrorCarriesItsSuffixOnTheDebugPrintSinkOnly) {
@@ -217,19 +186,6 @@ TEST_F(GainMapLog, VerboseDebugNeedsTheOwnersLogLevel) {
   GMP_LOGVD(&chatty, "[%s] v %d", counted());
   EXPECT_TRUE(capture.records().empty()) << "then the debug gate still applies";
   EXPECT_EQ(mEvaluated, 1);
-}
-
-TEST_F(GainMapLog, EveryLiveCaptureRecordsAndNoneAfterItsEnd) {
-  gates(0x2, 4, 0);
-  LogCapture outer;
-  {
-    LogCapture inner;
-    GMP_LOGI("[%s] both");
-    EXPECT_EQ(inner.records().size(), 1u);
-  }
-  GMP_LOGI("[%s] outer only");
-  EXPECT_EQ(texts(outer.records(), Sink::Logger),
-            (std::vector<std::string>{"[TestBody] both", "[TestBody] outer only"}));
 }
 
 std::string escaped(std::string const& text) {

@@ -268,37 +268,6 @@ TEST_F(GainMapTraceTest, LendingCallsAndQueuedStepsAreSlicesInAValidTraceFile) {
                    }));
 }
 
-TEST_F(GainMapTraceTest, ATraceStartedAndStoppedWhileSlotsAreLentIsAValidFile) {
-  auto pool = createdPool(fourByThree(1, 2));
-  ASSERT_EQ(produce(*pool, 60), 0);
-  auto before = pool->getConsumerBuffer(60, 0);  // lent while nobody traces
-  ASSERT_TRUE(before);
-  std::string const path =
-      ::testing::TempDir() + "gainmap_pool_midway_" + std::to_string(getpid()) + ".json";
-  ASSERT_TRUE(qelcam::host::startTrace(path));
-  EXPECT_EQ(pool->setConsumerBuffer(before), 0);  // ends a span the trace never saw begin
-  ASSERT_EQ(produce(*pool, 61), 1);
-  auto during = pool->getConsumerBuffer(61, 1);  // still lent when the trace stops
-  ASSERT_TRUE(during);
-  qelcam::host::stopTrace();
-  EXPECT_EQ(pool->setConsumerBuffer(during), 0);
-
-  auto check = qelcam::host::checkChromeTrace(path);
-  EXPECT_TRUE(check.problems.empty()) << check.problemText();
-  std::vector<std::string> spans;
-  for (auto const& event : check.trace["traceEvents"]) {
-    if (event["ph"] == "b" || event["ph"] == "e") {
-      spans.push_back(event["ph"].get<std::string>() + " " + event["name"].get<std::string>());
-    }
-  }
-  EXPECT_EQ(spans, (std::vector<std::string>{
-                       "b s:3 slot 1 producer",
-                       "e s:3 slot 1 producer",
-                       "b s:3 slot 1 consumer",
-                       "e s:3 slot 1 consumer",
-                   }));
-}
-
 TEST_F(GainMapTraceTest, TracingChangesNoLogLine) {
   auto scenario = [this] {
     auto pool = createdPool(fourByThree(1, 1));

@@ -7,7 +7,7 @@
 
 #include <atomic>
 #include <chrono>
-#include <cstdarg>
+#include <condition_variable>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -46,16 +46,6 @@ constexpr size_t kStride8 = 576;
 constexpr size_t kMap4x3Bytes = 432 * kStride8;   // 4000x3000
 constexpr size_t kMap16x9Bytes = 324 * kStride8;  // 4000x2250
 
-inline std::string printed(char const* format, ...) __attribute__((format(printf, 1, 2)));
-inline std::string printed(char const* format, ...) {
-  char text[1024];
-  va_list args;
-  va_start(args, format);
-  std::vsnprintf(text, sizeof(text), format, args);
-  va_end(args);
-  return text;
-}
-
 // How long any wait of a test may take before the run is declared stuck. Generous: a stuck wait
 // means a broken interleaving, never a slow machine.
 constexpr std::chrono::seconds kPatience{120};
@@ -73,6 +63,14 @@ constexpr std::chrono::seconds kPatience{120};
 inline void waitIdle(std::string const& what = "the task queues to go idle") {
   auto idle = std::async(std::launch::async, [] { qelcam::host::waitQueuesIdle(); });
   if (idle.wait_for(kPatience) != std::future_status::ready) {
+    giveUp(what);
+  }
+}
+
+template <class Predicate>
+void waitUntil(std::condition_variable& changed, std::unique_lock<std::mutex>& lock,
+               Predicate condition, std::string const& what) {
+  if (!changed.wait_for(lock, kPatience, condition)) {
     giveUp(what);
   }
 }
@@ -189,12 +187,7 @@ class PoolTest : public ::testing::Test {
   using ULogger = NSCam::Utils::ULog::ULogger;
 
   void SetUp() override {
-    mSavedLevel = ULogger::sDetailsLevel;
-    mSavedMask = ULogger::sNormalDetailsMask;
-    mSavedMode = ULogger::sMode;
-    ULogger::sDetailsLevel = 5;
-    ULogger::sNormalDetailsMask |= 0x201000;
-    ULogger::sMode = 0x2;
+    mGates.set(0x2, 5, ULogger::sNormalDetailsMask | 0x201000);
     qelcam::host::setGainMapFormats({qelcam::host::kFormatGainMap8});
     mCapture = std::make_unique<qelcam::host::LogCapture>();
     mBaseline = qelcam::host::heapStats();
@@ -210,9 +203,6 @@ class PoolTest : public ::testing::Test {
     qelcam::host::setGainMapFormats({qelcam::host::kFormatGainMap8});
     qelcam::host::failHeapCreates(0);
     qelcam::host::failLockBufAt(-1);
-    ULogger::sDetailsLevel = mSavedLevel;
-    ULogger::sNormalDetailsMask = mSavedMask;
-    ULogger::sMode = mSavedMode;
   }
 
   // The pool once its creation task has run.
@@ -259,7 +249,6 @@ class PoolTest : public ::testing::Test {
     }
     return n;
   }
-  bool logged(std::string const& text, int level) const { return count(text, level) > 0; }
   // Position of the first record with this text, or -1.
   long positionOf(std::string const& text) const {
     auto records = logs();
@@ -319,10 +308,8 @@ class PoolTest : public ::testing::Test {
   qelcam::host::HeapStats mBaseline{};
 
  private:
+  qelcam::host::LogGates mGates;
   std::unique_ptr<qelcam::host::LogCapture> mCapture;
-  uint32_t mSavedLevel = 0;
-  uint32_t mSavedMask = 0;
-  uint32_t mSavedMode = 0;
   std::atomic<bool> mHeld{false};
 };
 

@@ -102,14 +102,9 @@ ModelDriver::ModelDriver(ChoiceSource& source, std::ostream* trace)
     : mSource(source),
       mTrace(trace),
       mManager(NSCam::v3::Utils::IGainMapBufPoolManager::getInstance()),
-      mBaseline(qelcam::host::heapStats()),
-      mSavedLevel(ULogger::sDetailsLevel),
-      mSavedMask(ULogger::sNormalDetailsMask),
-      mSavedMode(ULogger::sMode) {
+      mBaseline(qelcam::host::heapStats()) {
   // Every class through, to the logger sink only; dumps are built only when debug lines pass.
-  ULogger::sDetailsLevel = 5;
-  ULogger::sNormalDetailsMask |= 0x201000;
-  ULogger::sMode = 0x2;
+  mGates.set(0x2, 5, ULogger::sNormalDetailsMask | 0x201000);
   __android_log_set_logger(discardLine);
   mWorld.platform = {qelcam::host::kFormatGainMap8, 8, -1};
   qelcam::host::setGainMapFormats({qelcam::host::kFormatGainMap8});
@@ -131,9 +126,6 @@ ModelDriver::~ModelDriver() {
   qelcam::host::setGainMapFormats({qelcam::host::kFormatGainMap8});
   qelcam::host::failLockBufAt(-1);
   __android_log_set_logger(__android_log_stderr_logger);
-  ULogger::sDetailsLevel = mSavedLevel;
-  ULogger::sNormalDetailsMask = mSavedMask;
-  ULogger::sMode = mSavedMode;
 }
 
 bool ModelDriver::step() {
@@ -205,7 +197,8 @@ bool ModelDriver::agreed() {
 
 std::string ModelDriver::perform(Lines& expected) {
   // Lending calls dominate, as in a camera pipeline; the rest keep the pools changing under them.
-  switch (mSource.below(24)) {
+  uint32_t const operation = mSource.below(24);
+  switch (operation) {
     case 0:
       return createPool(expected);
     case 1:
@@ -214,23 +207,6 @@ std::string ModelDriver::perform(Lines& expected) {
       return releaseOrResume(mSource.below(2) == 0, expected);
     case 3:
       return mSource.below(3) == 0 ? destroyAllPools(expected) : dropPool(expected);
-    case 4:
-    case 5:
-    case 6:
-      return getProducerBuffer(expected);
-    case 7:
-    case 8:
-    case 9:
-      return setProducerBuffer(expected);
-    case 10:
-    case 11:
-    case 12:
-      return getConsumerBuffer(expected);
-    case 13:
-    case 14:
-      return setConsumerBuffer(expected);
-    case 15:
-      return poolReleaseOrResume(mSource.below(2) == 0, expected);
     case 16:
       return mSource.below(2) == 0 ? accessors() : dropSlot();
     case 17:
@@ -242,27 +218,46 @@ std::string ModelDriver::perform(Lines& expected) {
         return "manager dump";
       }
       return platformChange();
-    case 19: {
-      PoolHandle* handle = pickPool();
-      if (handle == nullptr) {
-        return getPool(expected);
-      }
-      handle->pool->dump();
-      mWorld.pool(handle->id).dump(expected);
-      return "pool #" + std::to_string(handle->id) + " dump";
-    }
     default:
-      return frame(expected);
+      break;
+  }
+  // The rest act on a pool the client holds; without one, the client asks the manager for one.
+  bool const release = operation == 15 && mSource.below(2) == 0;
+  PoolHandle* picked = pickPool();
+  if (picked == nullptr) {
+    return getPool(expected);
+  }
+  PoolHandle const handle = *picked;
+  switch (operation) {
+    case 4:
+    case 5:
+    case 6:
+      return getProducerBuffer(handle, expected);
+    case 7:
+    case 8:
+    case 9:
+      return setProducerBuffer(handle, expected);
+    case 10:
+    case 11:
+    case 12:
+      return getConsumerBuffer(handle, expected);
+    case 13:
+    case 14:
+      return setConsumerBuffer(handle, expected);
+    case 15:
+      return poolReleaseOrResume(handle, release, expected);
+    case 19:
+      handle.pool->dump();
+      mWorld.pool(handle.id).dump(expected);
+      return "pool #" + std::to_string(handle.id) + " dump";
+    default:
+      return frame(handle, expected);
   }
 }
 
-std::string ModelDriver::frame(Lines& expected) {
-  PoolHandle* handle = pickPool();
-  if (handle == nullptr) {
-    return getPool(expected);
-  }
-  std::shared_ptr<IGainMapBufPool> pool = handle->pool;
-  int const id = handle->id;
+std::string ModelDriver::frame(PoolHandle const& handle, Lines& expected) {
+  std::shared_ptr<IGainMapBufPool> pool = handle.pool;
+  int const id = handle.id;
   PoolModel& model = mWorld.pool(id);
   std::shared_ptr<BufSlot> slot = heldCall([&] { return pool->getProducerBuffer(); });
   int const index = model.getProducerBuffer(expected);
@@ -425,13 +420,9 @@ std::string ModelDriver::dropPool(Lines& expected) {
   return "drop pool #" + std::to_string(id);
 }
 
-std::string ModelDriver::getProducerBuffer(Lines& expected) {
-  PoolHandle* handle = pickPool();
-  if (handle == nullptr) {
-    return getPool(expected);
-  }
-  std::shared_ptr<IGainMapBufPool> pool = handle->pool;
-  int const id = handle->id;
+std::string ModelDriver::getProducerBuffer(PoolHandle const& handle, Lines& expected) {
+  std::shared_ptr<IGainMapBufPool> pool = handle.pool;
+  int const id = handle.id;
   std::shared_ptr<BufSlot> slot = heldCall([&] { return pool->getProducerBuffer(); });
   int const index = mWorld.pool(id).getProducerBuffer(expected);
   expectEqual("getProducerBuffer lends a slot", index >= 0, slot != nullptr);
@@ -444,13 +435,9 @@ std::string ModelDriver::getProducerBuffer(Lines& expected) {
   return "pool #" + std::to_string(id) + " getProducerBuffer() = " + std::to_string(index);
 }
 
-std::string ModelDriver::setProducerBuffer(Lines& expected) {
-  PoolHandle* handle = pickPool();
-  if (handle == nullptr) {
-    return getPool(expected);
-  }
-  std::shared_ptr<IGainMapBufPool> pool = handle->pool;
-  int const id = handle->id;
+std::string ModelDriver::setProducerBuffer(PoolHandle const& handle, Lines& expected) {
+  std::shared_ptr<IGainMapBufPool> pool = handle.pool;
+  int const id = handle.id;
   std::string described;
   std::shared_ptr<BufSlot> slot = pickSlotArgument(id, SlotKind::Producer, described);
   int const index = slot ? slot->index : -1;
@@ -492,13 +479,9 @@ std::string ModelDriver::setProducerBuffer(Lines& expected) {
          ") = " + std::to_string(status);
 }
 
-std::string ModelDriver::getConsumerBuffer(Lines& expected) {
-  PoolHandle* handle = pickPool();
-  if (handle == nullptr) {
-    return getPool(expected);
-  }
-  std::shared_ptr<IGainMapBufPool> pool = handle->pool;
-  int const id = handle->id;
+std::string ModelDriver::getConsumerBuffer(PoolHandle const& handle, Lines& expected) {
+  std::shared_ptr<IGainMapBufPool> pool = handle.pool;
+  int const id = handle.id;
   PoolModel& model = mWorld.pool(id);
   int index = 0;
   uint32_t const choice = mSource.below(8);
@@ -525,13 +508,9 @@ std::string ModelDriver::getConsumerBuffer(Lines& expected) {
          ", index=" + std::to_string(index) + ") = " + std::to_string(lent);
 }
 
-std::string ModelDriver::setConsumerBuffer(Lines& expected) {
-  PoolHandle* handle = pickPool();
-  if (handle == nullptr) {
-    return getPool(expected);
-  }
-  std::shared_ptr<IGainMapBufPool> pool = handle->pool;
-  int const id = handle->id;
+std::string ModelDriver::setConsumerBuffer(PoolHandle const& handle, Lines& expected) {
+  std::shared_ptr<IGainMapBufPool> pool = handle.pool;
+  int const id = handle.id;
   std::string described;
   std::shared_ptr<BufSlot> slot = pickSlotArgument(id, SlotKind::Consumer, described);
   int const index = slot ? slot->index : -1;
@@ -546,18 +525,15 @@ std::string ModelDriver::setConsumerBuffer(Lines& expected) {
          ") = " + std::to_string(status);
 }
 
-std::string ModelDriver::poolReleaseOrResume(bool release, Lines& expected) {
-  PoolHandle* handle = pickPool();
-  if (handle == nullptr) {
-    return getPool(expected);
-  }
-  int const id = handle->id;
+std::string ModelDriver::poolReleaseOrResume(PoolHandle const& handle, bool release,
+                                             Lines& expected) {
+  int const id = handle.id;
   std::string const text =
       "pool #" + std::to_string(id) + (release ? " setPoolReleased()" : " setPoolResume()");
   if (release && mHeld) {
     return text + " skipped: the queues are held";
   }
-  int const status = release ? handle->pool->setPoolReleased() : handle->pool->setPoolResume();
+  int const status = release ? handle.pool->setPoolReleased() : handle.pool->setPoolResume();
   if (release) {
     mWorld.pool(id).setPoolReleased(expected);
   } else {

@@ -108,13 +108,14 @@ class ModelDriver {
   std::string releaseOrResume(bool release, Lines& expected);
   std::string destroyAllPools(Lines& expected);
   std::string dropPool(Lines& expected);
-  // A producer's whole turn: take the next slot and hand it back filled.
-  std::string frame(Lines& expected);
-  std::string getProducerBuffer(Lines& expected);
-  std::string setProducerBuffer(Lines& expected);
-  std::string getConsumerBuffer(Lines& expected);
-  std::string setConsumerBuffer(Lines& expected);
-  std::string poolReleaseOrResume(bool release, Lines& expected);
+  // A producer's whole turn: take the next slot and hand it back filled. These calls act on a
+  // pool handle the client holds.
+  std::string frame(PoolHandle const& handle, Lines& expected);
+  std::string getProducerBuffer(PoolHandle const& handle, Lines& expected);
+  std::string setProducerBuffer(PoolHandle const& handle, Lines& expected);
+  std::string getConsumerBuffer(PoolHandle const& handle, Lines& expected);
+  std::string setConsumerBuffer(PoolHandle const& handle, Lines& expected);
+  std::string poolReleaseOrResume(PoolHandle const& handle, bool release, Lines& expected);
   std::string accessors();
   std::string dropSlot();
   std::string holdOrRelease();
@@ -144,6 +145,8 @@ class ModelDriver {
   void checkHeaps();
   void checkIdentity(std::shared_ptr<BufSlot> const& slot, int poolId, int index);
 
+  // First member: the gates go back last, after the destructor's own clean-up.
+  qelcam::host::LogGates mGates;
   ChoiceSource& mSource;
   std::ostream* mTrace;
   std::shared_ptr<NSCam::v3::Utils::IGainMapBufPoolManager> mManager;
@@ -159,9 +162,6 @@ class ModelDriver {
   std::string mOperation;
   std::vector<std::string> mProblems;
   std::string mDivergence;
-  uint32_t mSavedLevel;
-  uint32_t mSavedMask;
-  uint32_t mSavedMode;
 };
 
 }  // namespace gainmap_model

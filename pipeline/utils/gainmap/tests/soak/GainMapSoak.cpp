@@ -1,9 +1,9 @@
 // gainmap_soak: several sensors' pools under real threads, through the library's interface only.
 // Per sensor a producer writes key-derived bytes into every slot it is lent and consumers check
 // them; a churn thread releases, resumes, replaces and destroys the pools underneath. At the end
-// every pool is destroyed and no image memory may be left.
+// every pool is destroyed and no image memory may be left. One round per consumer count.
 //
-//   gainmap_soak [--duration SECONDS] [--seed N]
+//   gainmap_soak [--duration SECONDS per round] [--seed N] [--consumers N,N,...]
 //
 // A frame that a consumer finds all zero is a loss unless a release task may have run between the
 // frame's start and the check: a release and resume give the slot fresh memory under the key it
@@ -38,8 +38,6 @@ using NSCam::v3::Utils::IGainMapBufPool;
 using NSCam::v3::Utils::IGainMapBufPoolManager;
 using Buffers = std::vector<std::shared_ptr<qcam::IImageBuffer>>;
 using Clock = std::chrono::steady_clock;
-
-constexpr int kConsumersPerSensor = 2;
 
 struct SensorSetup {
   IGainMapBufPoolManager::PoolParameters params;
@@ -79,6 +77,7 @@ struct Counters {
   std::atomic<uint64_t> byteMismatches{0};
   std::atomic<uint64_t> framesLost{0};
   std::atomic<uint64_t> slotsWithoutBuffers{0};
+  std::atomic<uint64_t> buffersTakenFromHolders{0};
   std::atomic<uint64_t> refusedReturns{0};
   std::atomic<uint64_t> releases{0};
   std::atomic<uint64_t> replacements{0};
@@ -105,7 +104,9 @@ struct Sensor {
   Frame latest;  // guarded by latestLock
   // The newest frame serial each consumer has tried; the producer waits a little for them, so
   // that consumers hold slots the producer comes back to.
-  std::atomic<uint64_t> tried[kConsumersPerSensor] = {};
+  std::vector<std::atomic<uint64_t>> tried;
+
+  explicit Sensor(size_t consumers) : tried(consumers) {}
 };
 
 uint8_t* bytesOf(std::shared_ptr<qcam::IImageBuffer> const& buffer) {
@@ -130,13 +131,14 @@ Content contentOf(std::shared_ptr<qcam::IImageBuffer> const& buffer, long key, s
 
 class Soak {
  public:
-  Soak(double seconds, uint64_t seed)
+  Soak(double seconds, uint64_t seed, size_t consumers)
       : mManager(IGainMapBufPoolManager::getInstance()),
         mEnd(Clock::now() +
              std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(seconds))),
-        mSeed(seed) {
+        mSeed(seed),
+        mConsumers(consumers) {
     for (SensorSetup const& setup : sensorSetups()) {
-      auto sensor = std::make_unique<Sensor>();
+      auto sensor = std::make_unique<Sensor>(consumers);
       sensor->setup = setup;
       sensor->singleMode = setup.params.sensorSizes.size() == 1;
       mSensors.push_back(std::move(sensor));
@@ -150,10 +152,8 @@ class Soak {
     std::vector<std::thread> threads;
     for (size_t s = 0; s < mSensors.size(); ++s) {
       threads.emplace_back([this, s] { produce(*mSensors[s]); });
-      for (int c = 0; c < kConsumersPerSensor; ++c) {
-        threads.emplace_back([this, s, c] {
-          consume(*mSensors[s], c, mSeed * 31 + s * 7 + static_cast<uint64_t>(c));
-        });
+      for (size_t c = 0; c < mConsumers; ++c) {
+        threads.emplace_back([this, s, c] { consume(*mSensors[s], c, mSeed * 31 + s * 7 + c); });
       }
     }
     threads.emplace_back([this] { churn(); });
@@ -264,7 +264,7 @@ class Soak {
     }
   }
 
-  void consume(Sensor& sensor, int consumer, uint64_t seed) {
+  void consume(Sensor& sensor, size_t consumer, uint64_t seed) {
     std::minstd_rand random(static_cast<std::minstd_rand::result_type>(seed));
     uint64_t lastSerial = 0;
     while (running()) {
@@ -290,6 +290,10 @@ class Soak {
         std::this_thread::yield();
       }
       check(sensor, frame, buffers);
+      // Nothing may take the memory away from a consumer that holds the slot.
+      if (slot->buffers != buffers) {
+        ++mCounters.buffersTakenFromHolders;
+      }
       if (frame.pool->setConsumerBuffer(slot) != 0) {
         ++mCounters.refusedReturns;
       }
@@ -326,7 +330,7 @@ class Soak {
     while (running()) {
       Sensor& sensor = *mSensors[random() % mSensors.size()];
       int const sensorId = sensor.setup.params.sensorId;
-      switch (random() % 8) {
+      switch (random() % 9) {
         case 0:
         case 1:
         case 2:
@@ -345,8 +349,11 @@ class Soak {
           create(sensor);
           ++mCounters.replacements;
           break;
-        default:
+        case 7:
           destroyAndRecreate(sensor.setup.params.uniKey);
+          break;
+        default:
+          cycleThroughThePool(sensor);
           break;
       }
       pause(random);
@@ -358,6 +365,23 @@ class Soak {
     mManager->releasePool(sensor.setup.params.sensorId);
     // The release task was posted before this returned; once the queues have run everything
     // posted so far, it has run.
+    qelcam::host::waitQueuesIdle();
+    ++sensor.releasesDone;
+    ++mCounters.releases;
+  }
+
+  // Release and resume back to back through the pool itself, so that the two tasks meet lending
+  // calls in every order.
+  void cycleThroughThePool(Sensor& sensor) {
+    std::shared_ptr<IGainMapBufPool> pool = mManager->getPool(sensor.setup.params.sensorId);
+    if (!pool) {
+      return;
+    }
+    ++sensor.releasesRequested;
+    for (int cycle = 0; cycle < 5; ++cycle) {
+      pool->setPoolReleased();
+      pool->setPoolResume();
+    }
     qelcam::host::waitQueuesIdle();
     ++sensor.releasesDone;
     ++mCounters.releases;
@@ -381,19 +405,51 @@ class Soak {
   std::shared_ptr<IGainMapBufPoolManager> mManager;
   Clock::time_point const mEnd;
   uint64_t const mSeed;
+  size_t const mConsumers;
   std::vector<std::unique_ptr<Sensor>> mSensors;
   std::atomic<long> mNextKey{1};
   Counters mCounters;
 };
 
-bool parse(int argc, char** argv, double& seconds, uint64_t& seed) {
+struct Options {
+  double seconds = 3;
+  uint64_t seed = 1;
+  // One round per count: a lone consumer, a pair, and more consumers than slots.
+  std::vector<size_t> consumers = {1, 2, 4};
+};
+
+bool parseCounts(char const* text, std::vector<size_t>& counts) {
+  counts.clear();
+  for (char const* at = text;; ++at) {
+    char* end = nullptr;
+    unsigned long const count = std::strtoul(at, &end, 10);
+    if (end == at || count > 16) {
+      return false;
+    }
+    counts.push_back(count);
+    if (*end == '\0') {
+      return true;
+    }
+    if (*end != ',') {
+      return false;
+    }
+    at = end;
+  }
+}
+
+bool parse(int argc, char** argv, Options& options) {
   for (int i = 1; i + 1 < argc; i += 2) {
     std::string const flag = argv[i];
     char* end = nullptr;
     if (flag == "--duration") {
-      seconds = std::strtod(argv[i + 1], &end);
+      options.seconds = std::strtod(argv[i + 1], &end);
     } else if (flag == "--seed") {
-      seed = std::strtoull(argv[i + 1], &end, 0);
+      options.seed = std::strtoull(argv[i + 1], &end, 0);
+    } else if (flag == "--consumers") {
+      if (!parseCounts(argv[i + 1], options.consumers)) {
+        return false;
+      }
+      continue;
     } else {
       return false;
     }
@@ -401,25 +457,16 @@ bool parse(int argc, char** argv, double& seconds, uint64_t& seed) {
       return false;
     }
   }
-  return argc % 2 == 1 && seconds > 0;
+  return argc % 2 == 1 && options.seconds > 0;
 }
 
-}  // namespace
-
-int main(int argc, char** argv) {
-  double seconds = 3;
-  uint64_t seed = 1;
-  if (!parse(argc, argv, seconds, seed)) {
-    std::fprintf(stderr, "usage: %s [--duration SECONDS] [--seed N]\n", argv[0]);
-    return 2;
-  }
-  // Refusals are part of the run and the library logs each one.
-  NSCam::Utils::ULog::ULogger::sMode = 0;
+// One round: the soak with `consumers` consumers per sensor, its table, and whether it was clean.
+bool round(Options const& options, size_t consumers) {
   qelcam::host::HeapStats const before = qelcam::host::heapStats();
-  Soak soak(seconds, seed);
+  Soak soak(options.seconds, options.seed, consumers);
   // Threads that never finish (a deadlock in the library) end the run with a message.
   auto finished = std::async(std::launch::async, [&soak] { soak.run(); });
-  if (finished.wait_for(std::chrono::duration<double>(seconds + 120)) !=
+  if (finished.wait_for(std::chrono::duration<double>(options.seconds + 120)) !=
       std::future_status::ready) {
     std::fprintf(stderr, "gainmap_soak: the threads have not finished 120 s after the end\n");
     std::abort();
@@ -431,6 +478,7 @@ int main(int argc, char** argv) {
   uint64_t const bytesLeft = after.bytesAlive - before.bytesAlive;
   uint64_t const lockedLeft = after.buffersLocked - before.buffersLocked;
   std::printf(
+      "consumers per sensor                 %zu\n"
       "frames produced                      %llu\n"
       "frames checked by consumers          %llu\n"
       "frames crossing a release (stale key) %llu\n"
@@ -438,9 +486,10 @@ int main(int argc, char** argv) {
       "byte mismatches                      %llu\n"
       "frames lost                          %llu\n"
       "single-mode slots without buffers    %llu\n"
+      "buffers taken from a holder          %llu\n"
       "-22 on legitimate returns            %llu\n"
       "image heaps / bytes / locked buffers left %llu / %llu / %llu\n",
-      static_cast<unsigned long long>(c.framesProduced.load()),
+      consumers, static_cast<unsigned long long>(c.framesProduced.load()),
       static_cast<unsigned long long>(c.framesChecked.load()),
       static_cast<unsigned long long>(c.staleKeyFrames.load()),
       static_cast<unsigned long long>(c.releases.load()),
@@ -449,12 +498,33 @@ int main(int argc, char** argv) {
       static_cast<unsigned long long>(c.byteMismatches.load()),
       static_cast<unsigned long long>(c.framesLost.load()),
       static_cast<unsigned long long>(c.slotsWithoutBuffers.load()),
+      static_cast<unsigned long long>(c.buffersTakenFromHolders.load()),
       static_cast<unsigned long long>(c.refusedReturns.load()),
       static_cast<unsigned long long>(heapsLeft), static_cast<unsigned long long>(bytesLeft),
       static_cast<unsigned long long>(lockedLeft));
-  bool const clean = c.byteMismatches == 0 && c.framesLost == 0 && c.slotsWithoutBuffers == 0 &&
-                     c.refusedReturns == 0 && heapsLeft == 0 && bytesLeft == 0 && lockedLeft == 0 &&
-                     c.framesChecked > 0;
+  // Without consumers nothing is checked; a clean round then needs frames produced.
+  uint64_t const evidence = consumers > 0 ? c.framesChecked.load() : c.framesProduced.load();
+  return c.byteMismatches == 0 && c.framesLost == 0 && c.slotsWithoutBuffers == 0 &&
+         c.buffersTakenFromHolders == 0 && c.refusedReturns == 0 && heapsLeft == 0 &&
+         bytesLeft == 0 && lockedLeft == 0 && evidence > 0;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  Options options;
+  if (!parse(argc, argv, options)) {
+    std::fprintf(stderr,
+                 "usage: %s [--duration SECONDS per round] [--seed N] [--consumers N,N,...]\n",
+                 argv[0]);
+    return 2;
+  }
+  // Refusals are part of the run and the library logs each one.
+  NSCam::Utils::ULog::ULogger::sMode = 0;
+  bool clean = true;
+  for (size_t consumers : options.consumers) {
+    clean = round(options, consumers) && clean;
+  }
   std::printf("result: %s\n", clean ? "clean" : "FAULTS");
   return clean ? 0 : 1;
 }
