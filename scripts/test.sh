@@ -19,6 +19,7 @@ source scripts/deps.sh
 
 flavour="${1:-plain}"
 toolchain=""
+model_steps=100000
 packages=()
 case "$flavour" in
   plain) dir=build; cc=gcc; cxx=g++; sanitize="" ;;
@@ -27,6 +28,8 @@ case "$flavour" in
   arm64)
     dir=build-arm64; cc=""; cxx=""; sanitize=""
     toolchain=cmake/toolchains/aarch64-linux-gnu.cmake
+    # Under emulation the model's 10^5 steps alone take minutes.
+    model_steps=20000
     packages=("${GAINMAP_ARM64_PACKAGES[@]}")
     ;;
   fuzz) dir=build-fuzz; cc=clang; cxx=clang++; sanitize="address,undefined,fuzzer-no-link" ;;
@@ -38,7 +41,8 @@ benchmarks=OFF
 [ "$flavour" = plain ] && benchmarks=ON
 
 configure=(cmake -S . -B "$dir" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo
-           -DGAINMAP_SANITIZE="$sanitize" -DGAINMAP_BUILD_BENCHMARKS="$benchmarks")
+           -DGAINMAP_SANITIZE="$sanitize" -DGAINMAP_BUILD_BENCHMARKS="$benchmarks"
+           -DGAINMAP_MODEL_STEPS="$model_steps")
 [ "$flavour" = fuzz ] && configure+=(-DGAINMAP_BUILD_FUZZERS=ON)
 # The explorer's copy of the pool and its scenarios; they run below, outside CTest.
 explore=OFF
