@@ -4,7 +4,8 @@
 One mutant at a time, it changes one line of the library's sources (pipeline/utils/gainmap/*.cpp,
 *.h), rebuilds in its own build directory and runs the plain suite with CTest. A mutant is killed
 when a test fails or times out, survives when every test passes, and is left out of the score when
-it does not build (-Werror counts). Kinds of change:
+it does not build (-Werror counts). The plain suite is CTest's tests and then the explorer's
+interleaving scenarios, which compile their own copy of the library's sources. Kinds of change:
 
   cmp      flip a comparison (== and !=, < and >=, > and <=)
   negate   negate the condition of an if or a while
@@ -213,18 +214,29 @@ def main():
     log = open(args.log, "w") if args.log else None
     if not (build / "build.ninja").exists():
         code, _, _ = run(["cmake", "-S", ".", "-B", str(build), "-G", "Ninja",
-                          "-DCMAKE_BUILD_TYPE=None", "-DCMAKE_CXX_FLAGS=-O1"], log)
+                          "-DCMAKE_BUILD_TYPE=None", "-DCMAKE_CXX_FLAGS=-O1",
+                          "-DGAINMAP_SCHEDULING_POINTS=ON"], log)
         if code != 0:
             print("configure failed", file=sys.stderr)
             return 2
     ctest = ["ctest", "--test-dir", str(build), "--stop-on-failure", "--timeout",
              str(args.test_timeout)] + args.ctest_args.split()
+    scenarios = ["timeout", str(args.test_timeout),
+                 str(build / "pipeline/utils/gainmap/tests/explore/gainmap_explore_pool_scenarios")]
+
+    def suite():
+        """CTest, then the scenarios: the status, output and seconds of the first that fails."""
+        code, output, seconds = run(ctest, log)
+        if code != 0:
+            return code, output, seconds
+        code, more, more_seconds = run(scenarios, log)
+        return code, output + more, seconds + more_seconds
 
     code, _, _ = run(["cmake", "--build", str(build), f"-j{args.jobs}"], log)
     if code != 0:
         print("the pristine sources do not build", file=sys.stderr)
         return 2
-    code, output, seconds = run(ctest, log)
+    code, output, seconds = suite()
     if code != 0:
         print(output[-3000:], file=sys.stderr)
         print("the pristine suite fails", file=sys.stderr)
@@ -254,12 +266,13 @@ def main():
                 verdict = "not built"
                 unbuilt.append(site)
             else:
-                code, output, seconds = run(ctest, log)
+                code, output, seconds = suite()
                 if code == 0:
                     verdict = "SURVIVED"
                     survivors.append(site)
                 else:
-                    failed = re.findall(r"\d+ - (\S+) \(", output)
+                    failed = re.findall(r"\d+ - (\S+) \(", output) or \
+                        re.findall(r"^(\S+): .*FAILED", output, re.M)
                     verdict = f"killed by {failed[0] if failed else 'the suite'}"
                     killed += 1
             restorer.restore()
