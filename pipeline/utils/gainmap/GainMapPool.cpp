@@ -872,8 +872,8 @@ void GainMapBufPoolImp::waitFor(std::shared_ptr<TaskHandle> const& handle) {
   if (done.valid()) {
 #if defined(GAINMAP_SCHEDULING_POINTS)
     gainmap::sched::waitUntil(
-        "wait for a step", [&done] { return done.wait_for(std::chrono::seconds(0)) ==
-                                            std::future_status::ready; },
+        "wait for a step",
+        [&done] { return done.wait_for(std::chrono::seconds(0)) == std::future_status::ready; },
         __func__);
 #endif
     done.wait();
