@@ -71,10 +71,10 @@ class GainMapTraceTest : public PoolTest {};
 TEST_F(GainMapTraceTest, EveryRefusalIsAnInstantWithItsReason) {
   // Refusals alone, as a tool that follows them without the timeline sees them.
   TraceRecord trace(NSCam::Utils::Trace::kInstants);
-  hold();
+  holdQueues();
   auto pool = std::make_shared<Pool>(fourByThree(1, 1), false);
   EXPECT_FALSE(pool->getProducerBuffer());
-  release();
+  releaseQueues();
   waitQueuesIdle();
 
   auto taken = pool->getProducerBuffer();
@@ -90,13 +90,13 @@ TEST_F(GainMapTraceTest, EveryRefusalIsAnInstantWithItsReason) {
   EXPECT_FALSE(pool->getConsumerBuffer(20, 1));
   auto reader = pool->getConsumerBuffer(20, 0);
   ASSERT_TRUE(reader);
-  hold();
+  holdQueues();
   EXPECT_FALSE(pool->getProducerBuffer());  // grows the rotation to its maximum of two
   EXPECT_FALSE(pool->getConsumerBuffer(0, 1));
   EXPECT_EQ(pool->setConsumerBuffer(reader), 0);
   ASSERT_EQ(produce(*pool, 21), 0);
   EXPECT_FALSE(pool->getProducerBuffer());  // slot 1 waits for its memory on the held queue
-  release();
+  releaseQueues();
   waitQueuesIdle();
   ASSERT_EQ(produce(*pool, 22), 1);
   auto first = pool->getConsumerBuffer(21, 0);

@@ -21,15 +21,15 @@ using Pool = GainMapBufPoolImp;
 using SlotPtr = std::shared_ptr<NSCam::v3::Utils::IGainMapBufPool::BufSlot>;
 using PoolParameters = GainMapBufPoolImp::PoolParameters;
 using NSCam::MSize;
+using qelcam::host::holdQueues;
+using qelcam::host::releaseQueues;
 using qelcam::host::waitQueuesIdle;
 
 constexpr char kDebugProperty[] = "vendor.debug.camera.log.pipeline.gainmap";
 constexpr char kDumpHeader[] = "(p, c, validSize, key, buffers.size()): {";
 
-// Logger-sink levels of the message classes.
+// Logger-sink levels of the message classes the tests pick out.
 constexpr int kError = 1;
-constexpr int kWarning = 2;
-constexpr int kInfo = 3;
 constexpr int kDebug = 5;
 
 // Bytes of the gain map of a 4000x3000 sensor: 432 rows of 576 bytes.
@@ -57,18 +57,15 @@ class PoolTest : public ::testing::Test {
     mGates.set(0x2, 5, NSCam::Utils::ULog::ULogger::sNormalDetailsMask | 0x201000);
     qelcam::host::setGainMapFormats({qelcam::host::kFormatGainMap8});
     mCapture = std::make_unique<qelcam::host::LogCapture>();
-    mBaseline = qelcam::host::heapStats();
   }
 
   void TearDown() override {
-    if (mHeld) {
-      qelcam::host::releaseQueues();
-    }
+    // Lets the queues go even when a test failed while it held them.
+    releaseQueues();
     waitQueuesIdle();
     mCapture.reset();
     qelcam::host::clearProperty(kDebugProperty);
     qelcam::host::setGainMapFormats({qelcam::host::kFormatGainMap8});
-    qelcam::host::failHeapCreates(0);
   }
 
   // The pool once its creation task has run.
@@ -76,15 +73,6 @@ class PoolTest : public ::testing::Test {
     auto pool = std::make_shared<Pool>(params, laggingAlloc);
     waitQueuesIdle();
     return pool;
-  }
-
-  void hold() {
-    qelcam::host::holdQueues();
-    mHeld = true;
-  }
-  void release() {
-    mHeld = false;
-    qelcam::host::releaseQueues();
   }
 
   // The logger-sink lines since the last clear.
@@ -109,10 +97,6 @@ class PoolTest : public ::testing::Test {
   }
   void clearLogs() { mCapture->clear(); }
 
-  uint64_t heapsAdded() const {
-    return qelcam::host::heapStats().heapsAlive - mBaseline.heapsAlive;
-  }
-
   // Takes the next slot and hands it back stamped with `key`; the slot's index.
   int produce(Pool& pool, int64_t key) {
     auto slot = pool.getProducerBuffer();
@@ -124,13 +108,9 @@ class PoolTest : public ::testing::Test {
     return slot->index;
   }
 
-  qelcam::host::HeapStats mBaseline{};
-
  private:
   qelcam::host::LogGates mGates;
   std::unique_ptr<qelcam::host::LogCapture> mCapture;
-  // Set while the test holds the queues, so that a failed test still lets them go.
-  bool mHeld = false;
 };
 
 }  // namespace gainmap_test
