@@ -17,65 +17,8 @@ namespace gainmap_test {
 namespace {
 
 using NSCam::v3::Utils::IGainMapBufPoolManager;
-using Lines = std::vector<std::string>;
-
-std::string dumpOf(bool released, std::string const& slots) {
-  return "D [s:3] released(" + std::to_string(released ? 1 : 0) + ") " + kDumpHeader + slots + "}";
-}
 
 class GainMapStoryTest : public PoolTest {};
-
-TEST_F(GainMapStoryTest, EveryRefusalNamesItsCauseAndDumpsThePool) {
-  auto pool = createdPool(fourByThree(2, 1));
-  clearLogs();
-  auto held = pool->getProducerBuffer();
-  ASSERT_TRUE(held);
-  EXPECT_FALSE(pool->getProducerBuffer());
-  EXPECT_EQ(pool->setProducerBuffer(50, 3, held), -22);
-  // The refusals changed nothing: the producer still holds the slot.
-  std::string const writing = dumpOf(false, "[0]: (1, 0, 2, 0, 2), [1]: (0, 0, 2, 0, 0), ");
-  EXPECT_EQ(
-      lines(),
-      (Lines{"1 [onGetProducerBuffer] [s:3][i:0] still has producer user", writing,
-             "1 [onSetProducerBuffer] [s:3][i:0] user validSize(3) exceeds slot buffer num(2)",
-             writing}));
-
-  EXPECT_EQ(pool->setProducerBuffer(50, 2, held), 0);
-  auto reader = pool->getConsumerBuffer(50, 0);
-  ASSERT_TRUE(reader);
-  clearLogs();
-  EXPECT_EQ(pool->setProducerBuffer(52, 0, held), -22);
-  auto madeUp = std::make_shared<NSCam::v3::Utils::IGainMapBufPool::BufSlot>();
-  madeUp->index = 1;
-  EXPECT_EQ(pool->setProducerBuffer(53, 0, madeUp), -22);
-  EXPECT_EQ(pool->setConsumerBuffer(madeUp), -22);
-  EXPECT_FALSE(pool->getConsumerBuffer(50, 1));
-  EXPECT_FALSE(pool->getConsumerBuffer(49, 0));
-  std::string const reading = dumpOf(false, "[0]: (0, 1, 2, 50, 2), [1]: (0, 0, 2, 0, 0), ");
-  EXPECT_EQ(
-      lines(),
-      (Lines{"1 [onSetProducerBuffer] [s:3][i:0] cannot set producer buffer (p:0, c:1)", reading,
-             "1 [onSetProducerBuffer] [s:3] invalid slot index(1). Number of slots(1)", reading,
-             "1 [onSetConsumerBuffer] [s:3] invalid slot index(1). Number of slots(1)", reading,
-             "1 [onGetConsumerBuffer] [s:3] request invalid index(1). Number of slots(1)", reading,
-             "1 [onGetConsumerBuffer] [s:3][i:0] timestamp mismatch, slot timestamp: "
-             "50consumer timestamp: 49",
-             reading}));
-
-  EXPECT_EQ(pool->setConsumerBuffer(reader), 0);
-  EXPECT_EQ(pool->setPoolReleased(), 0);
-  waitQueuesIdle();
-  clearLogs();
-  EXPECT_EQ(pool->setConsumerBuffer(reader), -22);
-  EXPECT_FALSE(pool->getProducerBuffer());
-  EXPECT_FALSE(pool->getConsumerBuffer(50, 0));
-  std::string const released = dumpOf(true, "[0]: (0, 0, 2, 50, 0), [1]: (0, 0, 2, 0, 0), ");
-  EXPECT_EQ(
-      lines(),
-      (Lines{"1 [onSetConsumerBuffer] [s:3][i:0] slot has no consumer user (p:0, c:0)", released,
-             "1 [onGetProducerBuffer] [s:3] pool has been marked released", released,
-             "1 [onGetConsumerBuffer] [s:3] pool has been marked released", released}));
-}
 
 TEST_F(GainMapStoryTest, AReleaseReturnsOnlyOnceTheCreationStillQueuedHasRun) {
   std::mutex mutex;

@@ -1,5 +1,5 @@
 // The trace a pool leaves: every refusal as an instant with its reason, the slot spans and the
-// pool's counters.
+// pool's counters; and, for the same refusals, the literal messages and dumps a user reads.
 
 #include <gtest/gtest.h>
 
@@ -66,9 +66,27 @@ class TraceRecord {
   qelcam::host::TraceListener mListener;
 };
 
-class GainMapTraceTest : public PoolTest {};
+class GainMapTraceTest : public PoolTest {
+ protected:
+  // The errors and warnings logged, and the debug line of a slot without buffers.
+  Lines messages() const {
+    Lines out;
+    for (std::string const& line : lines()) {
+      if (line[0] == '1' || line[0] == '2' ||
+          line.find("slot buffers has been released") != std::string::npos) {
+        out.push_back(line);
+      }
+    }
+    return out;
+  }
 
-TEST_F(GainMapTraceTest, EveryRefusalIsAnInstantWithItsReason) {
+  static std::string dumpOf(bool released, std::string const& slots) {
+    return "D [s:3] released(" + std::to_string(released ? 1 : 0) + ") " + kDumpHeader + slots +
+           "}";
+  }
+};
+
+TEST_F(GainMapTraceTest, EveryRefusalIsAnInstantWithItsReasonAndALoggedMessage) {
   // Refusals alone, as a tool that follows them without the timeline sees them.
   TraceRecord trace(NSCam::Utils::Trace::kInstants);
   holdQueues();
@@ -80,6 +98,7 @@ TEST_F(GainMapTraceTest, EveryRefusalIsAnInstantWithItsReason) {
   auto taken = pool->getProducerBuffer();
   ASSERT_TRUE(taken);
   EXPECT_FALSE(pool->getProducerBuffer());
+  EXPECT_EQ(lines().back(), dumpOf(false, "[0]: (1, 0, 1, 0, 1), [1]: (0, 0, 1, 0, 0), "));
   EXPECT_FALSE(pool->getConsumerBuffer(0, 0));
   EXPECT_EQ(pool->setConsumerBuffer(taken), -22);
   EXPECT_EQ(pool->setProducerBuffer(20, 2, taken), -22);
@@ -109,10 +128,39 @@ TEST_F(GainMapTraceTest, EveryRefusalIsAnInstantWithItsReason) {
   waitQueuesIdle();
   EXPECT_FALSE(pool->getProducerBuffer());
   EXPECT_FALSE(pool->getConsumerBuffer(20, 0));
+  EXPECT_EQ(lines().back(), dumpOf(true, "[0]: (0, 0, 1, 21, 0), [1]: (0, 0, 1, 22, 0), "));
   EXPECT_FALSE(createdPool(fourByThree(1, 0))->getProducerBuffer());
   auto twoModes = createdPool(poolParams({{0, MSize(4000, 3000)}, {1, MSize(4000, 2250)}}, 1, 1));
   EXPECT_FALSE(twoModes->getConsumerBuffer(0, 0));
 
+  EXPECT_EQ(messages(), (Lines{
+                            "2 [onGetProducerBuffer] [s:3] pool has not been initialized",
+                            "1 [onGetProducerBuffer] [s:3][i:0] still has producer user",
+                            "1 [onGetConsumerBuffer] [s:3][i:0] slot has producer user",
+                            "1 [onSetConsumerBuffer] [s:3][i:0] slot has producer user (p:1, c:0)",
+                            "1 [onSetProducerBuffer] [s:3][i:0] user validSize(2) exceeds slot "
+                            "buffer num(1)",
+                            "1 [onSetProducerBuffer] [s:3][i:0] cannot set producer buffer (p:0, "
+                            "c:0)",
+                            "1 [onSetConsumerBuffer] [s:3][i:0] slot has no consumer user (p:0, "
+                            "c:0)",
+                            "1 [onGetConsumerBuffer] [s:3][i:0] timestamp mismatch, slot "
+                            "timestamp: 20consumer timestamp: 19",
+                            "1 [onGetConsumerBuffer] [s:3] request invalid index(1). Number of "
+                            "slots(1)",
+                            "2 [onGetProducerBuffer] [s:3][i:0] still has consumer users (c:1)",
+                            "5 [onGetConsumerBuffer] [s:3][i:1] slot buffers has been released. "
+                            "mbReleased(0)",
+                            "2 [onGetProducerBuffer] [s:3][i:1] slot is not ready",
+                            "2 [onGetProducerBuffer] [s:3][i:0] still has consumer users (c:1)",
+                            "1 [preAllocOneSlotLocked] [s:3] slot count(2) reach max(2), stop "
+                            "alloc new slot",
+                            "1 [onGetProducerBuffer] [s:3] pool has been marked released",
+                            "1 [onGetConsumerBuffer] [s:3] pool has been marked released",
+                            "1 [onGetProducerBuffer] [s:3] pool has no slot to lend",
+                            "5 [onGetConsumerBuffer] [s:3][i:0] slot buffers has been released. "
+                            "mbReleased(0)",
+                        }));
   EXPECT_EQ(trace.marks(), (Lines{
                                "onGetProducerBuffer: not initialised [-1]",
                                "onGetProducerBuffer: held by the producer [0]",
