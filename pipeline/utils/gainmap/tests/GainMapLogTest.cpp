@@ -2,7 +2,9 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdint>
 #include <string>
+#include <vector>
 
 #include "GainMapLog.h"
 #include "HostPlatform.h"
@@ -20,7 +22,9 @@ Lines seen(LogCapture const& capture) {
   Lines out;
   for (auto const& r : capture.records()) {
     EXPECT_EQ(r.tag, "QelCam/GainMapPool");
-    EXPECT_EQ(r.sink == Sink::Logger ? r.moduleId : 0x201004u, 0x201004u);
+    if (r.sink == Sink::Logger) {
+      EXPECT_EQ(r.moduleId, 0x201004u);
+    }
     out.push_back((r.sink == Sink::Logger ? "L" : "P") + std::to_string(r.level) + " " + r.text);
   }
   return out;
@@ -110,6 +114,7 @@ TEST_F(GainMapLog, EachSinkWritesItsOwnForm) {
   std::string const at = std::to_string(__LINE__ + 1);
   GMP_LOGE("[%s] [s:%d] bad slot %zu", 3, size_t{7});
   GMP_LOGW("[%s] warning");
+  qelcam::host::setDebugPrintLevelEnabled(CAM_DBG_WARN, true);
   ASSERT_EQ(seen(capture), (Lines{"P1 E/[QelCam/GainMapPool] GainMapPool:" + at +
                                       " TestBody() [TestBody] [s:3] bad slot 7 (TestBody){#" + at +
                                       ":pipeline/utils/gainmap/GainMapPool}",

@@ -1,6 +1,6 @@
-// Stories of a pool as its clients meet it, with the literal messages and dumps they see. The
-// reference model checks every step of random sequences; these pin the texts by hand, since the
-// model shares its arithmetic with the code.
+// What the reference model and the interleaving explorer cannot show: a release that waits for
+// the creation still queued, the process ending after our own fatal line, and concurrent first
+// calls that make one manager.
 
 #include <gtest/gtest.h>
 
