@@ -3,7 +3,6 @@
 
 #include <gtest/gtest.h>
 
-#include <functional>
 #include <map>
 #include <sstream>
 
@@ -19,8 +18,8 @@ using Lines = std::vector<std::string>;
 
 class GainMapTableTest : public PoolTest {
  protected:
-  // The lines of one class since the last clear, dumps left out; a slot's address reads "<p>".
-  Lines linesOf(int level) const {
+  // The lines of one class since the last take, dumps left out; a slot's address reads "<p>".
+  Lines take(int level) {
     Lines out;
     for (auto const& record : records()) {
       if (record.level == level && record.text.rfind("[dump] ", 0) != 0) {
@@ -33,6 +32,7 @@ class GainMapTableTest : public PoolTest {
         out.push_back(text);
       }
     }
+    clearLogs();
     return out;
   }
 };
@@ -153,111 +153,95 @@ TEST_F(GainMapTableTest, ParametersThatCannotMakeAPoolNameEachProblemAndGiveAPoo
       {{{0, MSize(4000, 3000)}}, 8630, 3, {}},
   };
   for (UnworkableRow const& row : rows) {
-    clearLogs();
     auto pool = createdPool(poolParams(row.sizes, row.batchSize, row.slotCount), true);
-    EXPECT_EQ(linesOf(kError), row.problems);
+    EXPECT_EQ(take(kError), row.problems);
     EXPECT_EQ(pool->getMaxSlotCount(), row.problems.empty() ? 2 * row.slotCount : 0u);
   }
 }
 
-struct DebugStep {
-  char const* what;
-  std::function<void()> act;
-  Lines lines;
-};
-
 TEST_F(GainMapTableTest, VerboseDebugTellsEveryStepOfAPoolsLife) {
   qelcam::host::setProperty(kDebugProperty, "1");
-  std::shared_ptr<Pool> pool;
-  SlotPtr reader;
-  SlotPtr writer;
-  DebugStep const steps[] = {
-      {"create",
-       [&] { pool = createdPool(fourByThree(1, 2)); },
-       {"[determineBufferParams] [s:3] sensor mode(0) sensor size:(4000x3000), gain map "
-        "size:(576x432) strideAlignInByte(576)",
-        "[determineAllocParam] [s:3] worst size:(576x432), alloc size:(248832x1)",
-        "[determineImgBufInfos] [s:3] mode (0), imgBufInfo size:(576x432), count(1), "
-        "planes[0].sizeInBytes(248832), planes[0].rowStrideInBytes(576), bufStep(248832)",
-        "[GainMapBufPoolImp] ctor: mSensorId(3), mSensorSizes{[0]:(4000x3000) } mBatchSize(1), "
-        "mSlotCount(2), mMaxSlotCount(4) laggingAlloc(0)",
-        "[operator()] [s:3] async create pool start",
-        "[allocSlotBuffersLocked] [s:3][i:0][b:0] buffer created",
-        "[allocSlotBuffersLocked] [s:3][i:1][b:0] buffer created",
-        "[operator()] [s:3] async create pool done"}},
-      {"lend frame 100 to a consumer, then slot 1 to the producer",
-       [&] {
-         produce(*pool, 100);
-         reader = pool->getConsumerBuffer(100, 0);
-         writer = pool->getProducerBuffer();
-       },
-       {"[onGetProducerBuffer] [s:3] current index: 0",
-        "[onGetProducerBuffer] [s:3][i:0] slot:<p>, size:1",
-        "[onSetProducerBuffer] [s:3] key: 100, validSize: 1, slot index: 0",
-        "[onSetProducerBuffer] [s:3][i:0] slot:<p>, size:1, valid size:1",
-        "[onGetConsumerBuffer] index: 0, key: 100",
-        "[onGetConsumerBuffer] [s:3][i:0] slot:<p>, size:1, validSize:1, c:1",
-        "[onGetProducerBuffer] [s:3] current index: 1",
-        "[onGetProducerBuffer] [s:3][i:1] slot:<p>, size:1"}},
-      {"slot 0 busy: grow",
-       [&] {
-         pool->getProducerBuffer();
-         waitQueuesIdle();
-       },
-       {"[onGetProducerBuffer] need pre alloc slot",
-        "[operator()] [s:3] async pre alloc slot(i:2) +",
-        "[allocSlotBuffersLocked] [s:3][i:2][b:0] buffer created",
-        "[operator()] [s:3] async pre alloc slot(i:2) -"}},
-      {"release",
-       [&] {
-         pool->setPoolReleased();
-         waitQueuesIdle();
-       },
-       {"[operator()] Wait for CTM createPool/resumePool done",
-        "[operator()] [setPoolReleased] [s:3] async +",
-        "[operator()] [s:3][i:0] still has users (p:0, c: 1)",
-        "[operator()] [s:3][i:1] still has users (p:1, c: 0)",
-        "[releaseSlotBuffersLocked] [s:3][i:2] released size (0)",
-        "[releaseSlotBuffersLocked] [s:3][i:3] released size (0)",
-        "[operator()] [setPoolReleased] [s:3] async -"}},
-      {"return both slots",
-       [&] {
-         pool->setConsumerBuffer(reader);
-         pool->setProducerBuffer(102, 1, writer);
-       },
-       {"[onSetConsumerBuffer] [s:3] consumer slot index(0), slot count(3)",
-        "[onSetConsumerBuffer] [s:3][i:0] pool marked released and no consumer, release slot "
-        "buffers",
-        "[releaseSlotBuffersLocked] [s:3][i:0] released size (0)",
-        "[onSetConsumerBuffer] [s:3][i:0] slot:<p>, size:0, c:0",
-        "[onSetProducerBuffer] [s:3] key: 102, validSize: 1, slot index: 1",
-        "[onSetProducerBuffer] [s:3][i:1] pool marked released, release slot buffers",
-        "[releaseSlotBuffersLocked] [s:3][i:1] released size (0)",
-        "[onSetProducerBuffer] [s:3][i:1] slot:<p>, size:0, valid size:1"}},
-      {"resume",
-       [&] {
-         pool->setPoolResume();
-         waitQueuesIdle();
-       },
-       {"[operator()] [setPoolResume] [s:3] async +",
-        "[allocSlotBuffersLocked] [s:3][i:0][b:0] buffer created",
-        "[allocSlotBuffersLocked] [s:3][i:1][b:0] buffer created",
-        "[allocSlotBuffersLocked] [s:3][i:2][b:0] buffer created",
-        "[operator()] [setPoolResume] [s:3] async -"}},
-      {"destroy",
-       [&] { pool.reset(); },
-       {"[releaseSlotBuffersLocked] [s:3][i:0] released size (0)",
-        "[~GainMapBufPoolImp] [s:3][i:0] buffers released",
-        "[releaseSlotBuffersLocked] [s:3][i:1] released size (0)",
-        "[~GainMapBufPoolImp] [s:3][i:1] buffers released",
-        "[releaseSlotBuffersLocked] [s:3][i:2] released size (0)",
-        "[~GainMapBufPoolImp] [s:3][i:2] buffers released"}},
-  };
-  for (DebugStep const& step : steps) {
-    clearLogs();
-    step.act();
-    EXPECT_EQ(linesOf(kDebug), step.lines) << step.what;
-  }
+  auto pool = createdPool(fourByThree(1, 2));
+  EXPECT_EQ(
+      take(kDebug),
+      (Lines{
+          "[determineBufferParams] [s:3] sensor mode(0) sensor size:(4000x3000), gain map "
+          "size:(576x432) strideAlignInByte(576)",
+          "[determineAllocParam] [s:3] worst size:(576x432), alloc size:(248832x1)",
+          "[determineImgBufInfos] [s:3] mode (0), imgBufInfo size:(576x432), count(1), "
+          "planes[0].sizeInBytes(248832), planes[0].rowStrideInBytes(576), bufStep(248832)",
+          "[GainMapBufPoolImp] ctor: mSensorId(3), mSensorSizes{[0]:(4000x3000) } mBatchSize(1), "
+          "mSlotCount(2), mMaxSlotCount(4) laggingAlloc(0)",
+          "[operator()] [s:3] async create pool start",
+          "[allocSlotBuffersLocked] [s:3][i:0][b:0] buffer created",
+          "[allocSlotBuffersLocked] [s:3][i:1][b:0] buffer created",
+          "[operator()] [s:3] async create pool done"}));
+
+  // Lend frame 100 to a consumer, then slot 1 to the producer.
+  produce(*pool, 100);
+  auto reader = pool->getConsumerBuffer(100, 0);
+  auto writer = pool->getProducerBuffer();
+  EXPECT_EQ(take(kDebug),
+            (Lines{"[onGetProducerBuffer] [s:3] current index: 0",
+                   "[onGetProducerBuffer] [s:3][i:0] slot:<p>, size:1",
+                   "[onSetProducerBuffer] [s:3] key: 100, validSize: 1, slot index: 0",
+                   "[onSetProducerBuffer] [s:3][i:0] slot:<p>, size:1, valid size:1",
+                   "[onGetConsumerBuffer] index: 0, key: 100",
+                   "[onGetConsumerBuffer] [s:3][i:0] slot:<p>, size:1, validSize:1, c:1",
+                   "[onGetProducerBuffer] [s:3] current index: 1",
+                   "[onGetProducerBuffer] [s:3][i:1] slot:<p>, size:1"}));
+
+  // Slot 0 is still read: the rotation grows.
+  pool->getProducerBuffer();
+  waitQueuesIdle();
+  EXPECT_EQ(take(kDebug), (Lines{"[onGetProducerBuffer] need pre alloc slot",
+                                 "[operator()] [s:3] async pre alloc slot(i:2) +",
+                                 "[allocSlotBuffersLocked] [s:3][i:2][b:0] buffer created",
+                                 "[operator()] [s:3] async pre alloc slot(i:2) -"}));
+
+  // Released while both slots are lent.
+  pool->setPoolReleased();
+  waitQueuesIdle();
+  EXPECT_EQ(take(kDebug), (Lines{"[operator()] Wait for CTM createPool/resumePool done",
+                                 "[operator()] [setPoolReleased] [s:3] async +",
+                                 "[operator()] [s:3][i:0] still has users (p:0, c: 1)",
+                                 "[operator()] [s:3][i:1] still has users (p:1, c: 0)",
+                                 "[releaseSlotBuffersLocked] [s:3][i:2] released size (0)",
+                                 "[releaseSlotBuffersLocked] [s:3][i:3] released size (0)",
+                                 "[operator()] [setPoolReleased] [s:3] async -"}));
+
+  // Both slots come back and lose their buffers.
+  pool->setConsumerBuffer(reader);
+  pool->setProducerBuffer(102, 1, writer);
+  EXPECT_EQ(
+      take(kDebug),
+      (Lines{"[onSetConsumerBuffer] [s:3] consumer slot index(0), slot count(3)",
+             "[onSetConsumerBuffer] [s:3][i:0] pool marked released and no consumer, release slot "
+             "buffers",
+             "[releaseSlotBuffersLocked] [s:3][i:0] released size (0)",
+             "[onSetConsumerBuffer] [s:3][i:0] slot:<p>, size:0, c:0",
+             "[onSetProducerBuffer] [s:3] key: 102, validSize: 1, slot index: 1",
+             "[onSetProducerBuffer] [s:3][i:1] pool marked released, release slot buffers",
+             "[releaseSlotBuffersLocked] [s:3][i:1] released size (0)",
+             "[onSetProducerBuffer] [s:3][i:1] slot:<p>, size:0, valid size:1"}));
+
+  // Resumed: every slot of the rotation gets buffers again.
+  pool->setPoolResume();
+  waitQueuesIdle();
+  EXPECT_EQ(take(kDebug), (Lines{"[operator()] [setPoolResume] [s:3] async +",
+                                 "[allocSlotBuffersLocked] [s:3][i:0][b:0] buffer created",
+                                 "[allocSlotBuffersLocked] [s:3][i:1][b:0] buffer created",
+                                 "[allocSlotBuffersLocked] [s:3][i:2][b:0] buffer created",
+                                 "[operator()] [setPoolResume] [s:3] async -"}));
+
+  // Destroyed.
+  pool.reset();
+  EXPECT_EQ(take(kDebug), (Lines{"[releaseSlotBuffersLocked] [s:3][i:0] released size (0)",
+                                 "[~GainMapBufPoolImp] [s:3][i:0] buffers released",
+                                 "[releaseSlotBuffersLocked] [s:3][i:1] released size (0)",
+                                 "[~GainMapBufPoolImp] [s:3][i:1] buffers released",
+                                 "[releaseSlotBuffersLocked] [s:3][i:2] released size (0)",
+                                 "[~GainMapBufPoolImp] [s:3][i:2] buffers released"}));
 }
 
 }  // namespace
