@@ -18,7 +18,6 @@
 namespace gainmap_test {
 
 using Pool = GainMapBufPoolImp;
-using SlotPtr = std::shared_ptr<NSCam::v3::Utils::IGainMapBufPool::BufSlot>;
 using PoolParameters = GainMapBufPoolImp::PoolParameters;
 using NSCam::MSize;
 using qelcam::host::holdQueues;
