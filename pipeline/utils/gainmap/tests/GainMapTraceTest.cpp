@@ -1,22 +1,21 @@
-#include <sys/syscall.h>
-#include <unistd.h>
+// The trace a pool leaves: every refusal as an instant with its reason, the slot spans and the
+// pool's counters; and, for the same refusals, the literal messages and dumps a user reads.
 
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <mutex>
 #include <string>
 #include <vector>
 
-#include "ChromeTraceCheck.h"
 #include "PoolTestSupport.h"
 
 namespace gainmap_test {
 namespace {
 
 using qelcam::host::TraceEvent;
+using Lines = std::vector<std::string>;
 
-// What the trace service hands its listeners while the test runs.
+// What the trace service hands its listeners while alive.
 class TraceRecord {
  public:
   explicit TraceRecord(uint32_t kinds = NSCam::Utils::Trace::kAllKinds)
@@ -27,23 +26,20 @@ class TraceRecord {
             },
             kinds) {}
 
-  std::vector<TraceEvent> events() {
-    std::lock_guard<std::mutex> lock(mMutex);
-    return mEvents;
-  }
-  void clear() {
-    std::lock_guard<std::mutex> lock(mMutex);
-    mEvents.clear();
-  }
-  // "call: reason [slot]" of every refusal, in order.
-  std::vector<std::string> refusals() {
-    std::vector<std::string> out;
+  // "call: reason [slot]" of every refusal, "b name key" / "e name" of every slot span, in order.
+  Lines marks() {
+    Lines out;
     for (auto const& event : events()) {
       if (event.phase == 'i') {
         EXPECT_EQ(event.name, "refused: " + event.find("reason")->text);
         EXPECT_EQ(event.find("sensor")->number, 3);
         out.push_back(event.find("call")->text + ": " + event.find("reason")->text + " [" +
                       std::to_string(event.find("slot")->number) + "]");
+      } else if (event.phase == 'b' || event.phase == 'e') {
+        auto const* key = event.find("key");
+        out.push_back(
+            std::string(1, event.phase) + " " + event.name +
+            (event.phase == 'b' && key != nullptr ? " " + std::to_string(key->number) : ""));
       }
     }
     return out;
@@ -58,80 +54,51 @@ class TraceRecord {
     }
     return out;
   }
-  // "b name key" / "e name" of the slot spans, in order.
-  std::vector<std::string> spans() {
-    std::vector<std::string> out;
-    for (auto const& event : events()) {
-      if (event.phase == 'b' || event.phase == 'e') {
-        auto const* key = event.find("key");
-        out.push_back(
-            std::string(1, event.phase) + " " + event.name +
-            (event.phase == 'b' && key != nullptr ? " " + std::to_string(key->number) : ""));
+
+ private:
+  std::vector<TraceEvent> events() {
+    std::lock_guard<std::mutex> lock(mMutex);
+    return mEvents;
+  }
+
+  std::mutex mMutex;
+  std::vector<TraceEvent> mEvents;  // guarded by mMutex
+  qelcam::host::TraceListener mListener;
+};
+
+class GainMapTraceTest : public PoolTest {
+ protected:
+  // The errors and warnings logged, and the debug line of a slot without buffers.
+  Lines messages() const {
+    Lines out;
+    for (std::string const& line : lines()) {
+      if (line[0] == '1' || line[0] == '2' ||
+          line.find("slot buffers has been released") != std::string::npos) {
+        out.push_back(line);
       }
     }
     return out;
   }
 
- private:
-  std::mutex mMutex;
-  std::vector<TraceEvent> mEvents;
-  qelcam::host::TraceListener mListener;
+  static std::string dumpOf(bool released, std::string const& slots) {
+    return "D [s:3] released(" + std::to_string(released ? 1 : 0) + ") " + kDumpHeader + slots +
+           "}";
+  }
 };
 
-class GainMapTraceTest : public PoolTest {};
-
-TEST_F(GainMapTraceTest, EveryProducerRefusalIsAnInstantWithItsReason) {
-  TraceRecord trace;
-  hold();
-  auto pool = std::make_shared<Pool>(fourByThree(1, 1), false);
-  EXPECT_FALSE(pool->getProducerBuffer());
-  release();
-  qelcam::host::waitQueuesIdle();
-
-  auto taken = pool->getProducerBuffer();
-  ASSERT_TRUE(taken);
-  EXPECT_FALSE(pool->getProducerBuffer());
-  EXPECT_EQ(pool->setProducerBuffer(10, 1, taken), 0);
-  auto reader = pool->getConsumerBuffer(10, 0);
-  ASSERT_TRUE(reader);
-  hold();
-  EXPECT_FALSE(pool->getProducerBuffer());  // grows the rotation to its maximum of two
-  EXPECT_EQ(pool->setConsumerBuffer(reader), 0);
-  ASSERT_EQ(produce(*pool, 11), 0);
-  EXPECT_FALSE(pool->getProducerBuffer());  // slot 1 waits for its memory on the held queue
-  release();
-  qelcam::host::waitQueuesIdle();
-  ASSERT_EQ(produce(*pool, 12), 1);
-  auto first = pool->getConsumerBuffer(11, 0);
-  auto second = pool->getConsumerBuffer(12, 1);
-  ASSERT_TRUE(first && second);
-  EXPECT_FALSE(pool->getProducerBuffer());
-  EXPECT_EQ(pool->setConsumerBuffer(first), 0);
-  EXPECT_EQ(pool->setConsumerBuffer(second), 0);
-  pool->setPoolReleased();
-  qelcam::host::waitQueuesIdle();
-  EXPECT_FALSE(pool->getProducerBuffer());
-  auto empty = std::make_shared<Pool>(fourByThree(1, 0), false);
-  qelcam::host::waitQueuesIdle();
-  EXPECT_FALSE(empty->getProducerBuffer());
-
-  EXPECT_EQ(trace.refusals(), (std::vector<std::string>{
-                                  "onGetProducerBuffer: not initialised [-1]",
-                                  "onGetProducerBuffer: held by the producer [0]",
-                                  "onGetProducerBuffer: held by consumers [0]",
-                                  "onGetProducerBuffer: not ready [1]",
-                                  "onGetProducerBuffer: rotation at its maximum [0]",
-                                  "onGetProducerBuffer: released [-1]",
-                                  "onGetProducerBuffer: no slot in the rotation [-1]",
-                              }));
-}
-
-TEST_F(GainMapTraceTest, EveryConsumerAndReturnRefusalIsAnInstantWithItsReason) {
+TEST_F(GainMapTraceTest, EveryRefusalIsAnInstantWithItsReasonAndALoggedMessage) {
   // Refusals alone, as a tool that follows them without the timeline sees them.
   TraceRecord trace(NSCam::Utils::Trace::kInstants);
-  auto pool = createdPool(fourByThree(1, 1));
+  holdQueues();
+  auto pool = std::make_shared<Pool>(fourByThree(1, 1), false);
+  EXPECT_FALSE(pool->getProducerBuffer());
+  releaseQueues();
+  waitQueuesIdle();
+
   auto taken = pool->getProducerBuffer();
   ASSERT_TRUE(taken);
+  EXPECT_FALSE(pool->getProducerBuffer());
+  EXPECT_EQ(lines().back(), dumpOf(false, "[0]: (1, 0, 1, 0, 1), [1]: (0, 0, 1, 0, 0), "));
   EXPECT_FALSE(pool->getConsumerBuffer(0, 0));
   EXPECT_EQ(pool->setConsumerBuffer(taken), -22);
   EXPECT_EQ(pool->setProducerBuffer(20, 2, taken), -22);
@@ -142,44 +109,82 @@ TEST_F(GainMapTraceTest, EveryConsumerAndReturnRefusalIsAnInstantWithItsReason) 
   EXPECT_FALSE(pool->getConsumerBuffer(20, 1));
   auto reader = pool->getConsumerBuffer(20, 0);
   ASSERT_TRUE(reader);
-  hold();
-  EXPECT_FALSE(pool->getProducerBuffer());  // slot 1 joins the rotation, without memory yet
+  holdQueues();
+  EXPECT_FALSE(pool->getProducerBuffer());  // grows the rotation to its maximum of two
   EXPECT_FALSE(pool->getConsumerBuffer(0, 1));
-  release();
-  qelcam::host::waitQueuesIdle();
   EXPECT_EQ(pool->setConsumerBuffer(reader), 0);
+  ASSERT_EQ(produce(*pool, 21), 0);
+  EXPECT_FALSE(pool->getProducerBuffer());  // slot 1 waits for its memory on the held queue
+  releaseQueues();
+  waitQueuesIdle();
+  ASSERT_EQ(produce(*pool, 22), 1);
+  auto first = pool->getConsumerBuffer(21, 0);
+  auto second = pool->getConsumerBuffer(22, 1);
+  ASSERT_TRUE(first && second);
+  EXPECT_FALSE(pool->getProducerBuffer());
+  EXPECT_EQ(pool->setConsumerBuffer(first), 0);
+  EXPECT_EQ(pool->setConsumerBuffer(second), 0);
   pool->setPoolReleased();
-  qelcam::host::waitQueuesIdle();
+  waitQueuesIdle();
+  EXPECT_FALSE(pool->getProducerBuffer());
   EXPECT_FALSE(pool->getConsumerBuffer(20, 0));
+  EXPECT_EQ(lines().back(), dumpOf(true, "[0]: (0, 0, 1, 21, 0), [1]: (0, 0, 1, 22, 0), "));
+  EXPECT_FALSE(createdPool(fourByThree(1, 0))->getProducerBuffer());
   auto twoModes = createdPool(poolParams({{0, MSize(4000, 3000)}, {1, MSize(4000, 2250)}}, 1, 1));
   EXPECT_FALSE(twoModes->getConsumerBuffer(0, 0));
 
-  for (auto const& event : trace.events()) {
-    EXPECT_EQ(event.phase, 'i') << event.name;
-  }
-  EXPECT_EQ(trace.refusals(), (std::vector<std::string>{
-                                  "onGetConsumerBuffer: held by the producer [0]",
-                                  "onSetConsumerBuffer: held by the producer [0]",
-                                  "onSetProducerBuffer: valid size exceeds buffers [0]",
-                                  "onSetProducerBuffer: not held by the producer [0]",
-                                  "onSetConsumerBuffer: not held by a consumer [0]",
-                                  "onGetConsumerBuffer: stale timestamp [0]",
-                                  "onGetConsumerBuffer: invalid index [1]",
-                                  "onGetProducerBuffer: held by consumers [0]",
-                                  "onGetConsumerBuffer: buffers released [1]",
-                                  "onGetConsumerBuffer: released [-1]",
-                                  "onGetConsumerBuffer: no buffers by design [0]",
-                              }));
+  EXPECT_EQ(messages(), (Lines{
+                            "2 [onGetProducerBuffer] [s:3] pool has not been initialized",
+                            "1 [onGetProducerBuffer] [s:3][i:0] still has producer user",
+                            "1 [onGetConsumerBuffer] [s:3][i:0] slot has producer user",
+                            "1 [onSetConsumerBuffer] [s:3][i:0] slot has producer user (p:1, c:0)",
+                            "1 [onSetProducerBuffer] [s:3][i:0] user validSize(2) exceeds slot "
+                            "buffer num(1)",
+                            "1 [onSetProducerBuffer] [s:3][i:0] cannot set producer buffer (p:0, "
+                            "c:0)",
+                            "1 [onSetConsumerBuffer] [s:3][i:0] slot has no consumer user (p:0, "
+                            "c:0)",
+                            "1 [onGetConsumerBuffer] [s:3][i:0] timestamp mismatch, slot "
+                            "timestamp: 20consumer timestamp: 19",
+                            "1 [onGetConsumerBuffer] [s:3] request invalid index(1). Number of "
+                            "slots(1)",
+                            "2 [onGetProducerBuffer] [s:3][i:0] still has consumer users (c:1)",
+                            "5 [onGetConsumerBuffer] [s:3][i:1] slot buffers has been released. "
+                            "mbReleased(0)",
+                            "2 [onGetProducerBuffer] [s:3][i:1] slot is not ready",
+                            "2 [onGetProducerBuffer] [s:3][i:0] still has consumer users (c:1)",
+                            "1 [preAllocOneSlotLocked] [s:3] slot count(2) reach max(2), stop "
+                            "alloc new slot",
+                            "1 [onGetProducerBuffer] [s:3] pool has been marked released",
+                            "1 [onGetConsumerBuffer] [s:3] pool has been marked released",
+                            "1 [onGetProducerBuffer] [s:3] pool has no slot to lend",
+                            "5 [onGetConsumerBuffer] [s:3][i:0] slot buffers has been released. "
+                            "mbReleased(0)",
+                        }));
+  EXPECT_EQ(trace.marks(), (Lines{
+                               "onGetProducerBuffer: not initialised [-1]",
+                               "onGetProducerBuffer: held by the producer [0]",
+                               "onGetConsumerBuffer: held by the producer [0]",
+                               "onSetConsumerBuffer: held by the producer [0]",
+                               "onSetProducerBuffer: valid size exceeds buffers [0]",
+                               "onSetProducerBuffer: not held by the producer [0]",
+                               "onSetConsumerBuffer: not held by a consumer [0]",
+                               "onGetConsumerBuffer: stale timestamp [0]",
+                               "onGetConsumerBuffer: invalid index [1]",
+                               "onGetProducerBuffer: held by consumers [0]",
+                               "onGetConsumerBuffer: buffers released [1]",
+                               "onGetProducerBuffer: not ready [1]",
+                               "onGetProducerBuffer: rotation at its maximum [0]",
+                               "onGetProducerBuffer: released [-1]",
+                               "onGetConsumerBuffer: released [-1]",
+                               "onGetProducerBuffer: no slot in the rotation [-1]",
+                               "onGetConsumerBuffer: no buffers by design [0]",
+                           }));
 }
 
-TEST_F(GainMapTraceTest, SlotOccupancyAndPoolCountersFollowTheLending) {
+TEST_F(GainMapTraceTest, SlotSpansAndPoolCountersFollowTheLending) {
   TraceRecord trace;
   auto pool = createdPool(fourByThree(2, 2));
-  EXPECT_EQ(trace.counter("s:3 rotation", "slots"), (std::vector<int64_t>{2}));
-  EXPECT_EQ(trace.counter("s:3 image", "bytes"),
-            (std::vector<int64_t>{2 * kMap4x3Bytes, 4 * kMap4x3Bytes}));
-  trace.clear();
-
   ASSERT_EQ(produce(*pool, 30), 0);
   auto first = pool->getConsumerBuffer(30, 0);
   auto second = pool->getConsumerBuffer(30, 0);
@@ -187,10 +192,10 @@ TEST_F(GainMapTraceTest, SlotOccupancyAndPoolCountersFollowTheLending) {
   EXPECT_EQ(pool->setConsumerBuffer(first), 0);
   ASSERT_EQ(produce(*pool, 31), 1);
   EXPECT_FALSE(pool->getProducerBuffer());  // slot 0 still read: the rotation grows
-  qelcam::host::waitQueuesIdle();
+  waitQueuesIdle();
   pool.reset();  // the pool goes while a consumer still reads slot 0
 
-  EXPECT_EQ(trace.spans(), (std::vector<std::string>{
+  EXPECT_EQ(trace.marks(), (Lines{
                                "b s:3 slot 0 producer",
                                "e s:3 slot 0 producer",
                                "b s:3 slot 0 consumer 30",
@@ -198,112 +203,22 @@ TEST_F(GainMapTraceTest, SlotOccupancyAndPoolCountersFollowTheLending) {
                                "e s:3 slot 0 consumer",
                                "b s:3 slot 1 producer",
                                "e s:3 slot 1 producer",
+                               "onGetProducerBuffer: held by consumers [0]",
                                "e s:3 slot 0 consumer",
                            }));
-  auto const events = trace.events();
-  for (auto const& event : events) {
-    if (event.phase == 'e' && event.find("pool destroyed") != nullptr) {
-      EXPECT_EQ(event.name, "s:3 slot 0 consumer");
-    }
-  }
   EXPECT_EQ(trace.counter("s:3 busy", "slots"), (std::vector<int64_t>{1, 0, 1, 2, 1, 0}));
-  EXPECT_EQ(trace.counter("s:3 rotation", "slots"), (std::vector<int64_t>{3}));
-  // The grown slot's memory, then every slot's as the pool goes.
+  EXPECT_EQ(trace.counter("s:3 rotation", "slots"), (std::vector<int64_t>{2, 3}));
+  // Both slots' memory at creation, the grown slot's, then every slot's as the pool goes.
   EXPECT_EQ(trace.counter("s:3 image", "bytes"),
-            (std::vector<int64_t>{6 * kMap4x3Bytes, 4 * kMap4x3Bytes, 2 * kMap4x3Bytes, 0}));
-  EXPECT_EQ(second->buffers.size(), 0u);
+            (std::vector<int64_t>{2 * kMap4x3Bytes, 4 * kMap4x3Bytes, 6 * kMap4x3Bytes,
+                                  4 * kMap4x3Bytes, 2 * kMap4x3Bytes, 0}));
 
   // A pool of two modes keeps each slot's memory in buffersBySize, which its destructor does not
   // free: the counter does not drop as the pool goes.
-  trace.clear();
+  TraceRecord twoModes;
   createdPool(poolParams({{0, MSize(4000, 3000)}, {1, MSize(4000, 2250)}}, 1, 2)).reset();
-  EXPECT_EQ(trace.counter("s:3 image", "bytes"),
+  EXPECT_EQ(twoModes.counter("s:3 image", "bytes"),
             (std::vector<int64_t>{kMap4x3Bytes, 2 * kMap4x3Bytes}));
-}
-
-TEST_F(GainMapTraceTest, LendingCallsAndQueuedStepsAreSlicesInAValidTraceFile) {
-  std::string const path =
-      ::testing::TempDir() + "gainmap_pool_trace_" + std::to_string(getpid()) + ".json";
-  ASSERT_TRUE(qelcam::host::startTrace(path));
-  auto pool = createdPool(fourByThree(1, 1));
-  ASSERT_EQ(produce(*pool, 40), 0);
-  auto reader = pool->getConsumerBuffer(40, 0);
-  ASSERT_TRUE(reader);
-  EXPECT_FALSE(pool->getProducerBuffer());
-  qelcam::host::waitQueuesIdle();
-  EXPECT_EQ(pool->setConsumerBuffer(reader), 0);
-  pool->setPoolReleased();
-  pool->setPoolResume();
-  qelcam::host::waitQueuesIdle();
-  pool.reset();
-  qelcam::host::stopTrace();
-
-  auto check = qelcam::host::checkChromeTrace(path);
-  ASSERT_TRUE(check.problems.empty()) << check.problemText();
-  // The test's own calls on its thread; the steps of the pool's queue, one at a time in posting
-  // order, on whichever task worker is free.
-  int64_t const self = static_cast<int64_t>(::syscall(SYS_gettid));
-  std::vector<std::string> calls;
-  std::vector<std::string> steps;
-  for (auto const& event : check.trace["traceEvents"]) {
-    if (event["ph"] == "E") {
-      (event["tid"].get<int64_t>() == self ? calls : steps)
-          .push_back(event["name"].get<std::string>() + " " + event["args"].dump());
-    }
-  }
-  EXPECT_EQ(calls, (std::vector<std::string>{
-                       R"(getProducerBuffer s:3 {"slot":0})",
-                       R"(setProducerBuffer s:3 {"key":40,"slot":0})",
-                       R"(getConsumerBuffer s:3 {"key":40,"slot":0})",
-                       R"(getProducerBuffer s:3 {"slot":-1})",
-                       R"(setConsumerBuffer s:3 {"slot":0})",
-                       R"(setPoolReleased s:3 {"slot":-1})",
-                       R"(destroy s:3 {"slot":-1})",
-                   }));
-  EXPECT_EQ(steps, (std::vector<std::string>{
-                       R"(create s:3 {"slot":-1})",
-                       R"(allocate slot s:3 {"slot":1})",
-                       R"(release s:3 {"slot":-1})",
-                       R"(resume s:3 {"slot":-1})",
-                   }));
-}
-
-TEST_F(GainMapTraceTest, TracingChangesNoLogLine) {
-  auto scenario = [this] {
-    auto pool = createdPool(fourByThree(1, 1));
-    produce(*pool, 50);
-    auto reader = pool->getConsumerBuffer(50, 0);
-    hold();
-    pool->getProducerBuffer();
-    pool->getConsumerBuffer(49, 0);
-    release();
-    qelcam::host::waitQueuesIdle();
-    pool->setConsumerBuffer(reader);
-    pool->setConsumerBuffer(reader);
-    pool->setPoolReleased();
-    qelcam::host::waitQueuesIdle();
-    pool->getProducerBuffer();
-    pool->setPoolResume();
-    qelcam::host::waitQueuesIdle();
-    pool.reset();
-    std::vector<std::string> lines;
-    for (auto const& record : logs()) {
-      lines.push_back(std::to_string(record.level) + " " + record.text);
-    }
-    clearLogs();
-    return lines;
-  };
-  clearLogs();
-  auto const untraced = scenario();
-  std::vector<std::string> traced;
-  {
-    TraceRecord trace;
-    traced = scenario();
-    EXPECT_FALSE(trace.events().empty());
-  }
-
-  EXPECT_FALSE(untraced.empty());
-  EXPECT_EQ(traced, untraced);
 }
 
 }  // namespace
