@@ -7,17 +7,18 @@
 // every pool, and its choices come from (seed, episode number) alone, so one episode replays on
 // its own with --from-episode.
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <iostream>
 #include <mutex>
 #include <string>
 #include <thread>
+#include <utility>
 
 #include "ModelDriver.h"
 
@@ -31,12 +32,6 @@ struct Options {
   bool trace = false;
 };
 
-bool parseNumber(char const* text, uint64_t& value) {
-  char* end = nullptr;
-  value = std::strtoull(text, &end, 0);
-  return end != text && *end == '\0';
-}
-
 bool parse(int argc, char** argv, Options& options) {
   for (int i = 1; i < argc; ++i) {
     std::string const flag = argv[i];
@@ -49,25 +44,23 @@ bool parse(int argc, char** argv, Options& options) {
                        : flag == "--episode"      ? &options.episode
                        : flag == "--from-episode" ? &options.fromEpisode
                                                   : nullptr;
-    if (target == nullptr || i + 1 >= argc || !parseNumber(argv[++i], *target)) {
+    char* end = nullptr;
+    if (target == nullptr || i + 1 >= argc) {
+      return false;
+    }
+    *target = std::strtoull(argv[++i], &end, 0);
+    if (end == argv[i] || *end != '\0') {
       return false;
     }
   }
   return options.episode > 0;
 }
 
-uint64_t episodeSeed(uint64_t seed, uint64_t episode) {
-  return seed * 0x100000001b3ull + episode;
-}
-
 // Turns a step that never returns (a deadlock in the library) into a failure that says where.
 class Watchdog {
  public:
-  static constexpr std::chrono::seconds kPatience{120};
-
-  Watchdog(uint64_t seed, char const* program) : mSeed(seed), mProgram(program) {
-    mThread = std::thread([this] { watch(); });
-  }
+  explicit Watchdog(std::string replay)
+      : mReplay(std::move(replay)), mThread([this] { watch(); }) {}
   ~Watchdog() {
     {
       std::lock_guard<std::mutex> lock(mLock);
@@ -77,40 +70,31 @@ class Watchdog {
     mThread.join();
   }
 
-  void at(uint64_t episode, uint64_t step) {
+  // Relaxed: the watchdog only compares the count and prints the episode.
+  void at(uint64_t episode) {
     mEpisode.store(episode, std::memory_order_relaxed);
-    mStep.store(step, std::memory_order_relaxed);
     mTicks.fetch_add(1, std::memory_order_relaxed);
   }
 
  private:
   void watch() {
     std::unique_lock<std::mutex> lock(mLock);
-    uint64_t seen = mTicks.load(std::memory_order_relaxed);
-    while (!mChanged.wait_for(lock, kPatience, [this] { return mDone; })) {
-      uint64_t const now = mTicks.load(std::memory_order_relaxed);
+    uint64_t seen = ~uint64_t{0};
+    while (!mChanged.wait_for(lock, std::chrono::seconds(120), [this] { return mDone; })) {
+      uint64_t const now = std::exchange(seen, mTicks.load(std::memory_order_relaxed));
       if (now == seen) {
+        unsigned long long const episode = mEpisode.load(std::memory_order_relaxed);
         std::fprintf(stderr,
-                     "gainmap_model: a step has not returned for %lld s\n"
-                     "seed %llu, episode %llu, step %llu\n"
-                     "replay: %s --seed %llu --from-episode %llu --trace\n",
-                     static_cast<long long>(kPatience.count()),
-                     static_cast<unsigned long long>(mSeed),
-                     static_cast<unsigned long long>(mEpisode.load()),
-                     static_cast<unsigned long long>(mStep.load()), mProgram,
-                     static_cast<unsigned long long>(mSeed),
-                     static_cast<unsigned long long>(mEpisode.load()));
+                     "gainmap_model: a step has not returned for 120 s\n"
+                     "replay: %s --from-episode %llu --trace\n",
+                     mReplay.c_str(), episode);
         std::abort();
       }
-      seen = now;
     }
   }
 
-  uint64_t const mSeed;
-  char const* const mProgram;
-  // Read only to report a hang; relaxed is enough for a number that is printed.
+  std::string const mReplay;
   std::atomic<uint64_t> mEpisode{0};
-  std::atomic<uint64_t> mStep{0};
   std::atomic<uint64_t> mTicks{0};
   std::mutex mLock;
   std::condition_variable mChanged;
@@ -128,50 +112,39 @@ int main(int argc, char** argv) {
                  argv[0]);
     return 2;
   }
-  Watchdog watchdog(options.seed, argv[0]);
+  std::string const replay = std::string(argv[0]) + " --seed " + std::to_string(options.seed) +
+                             " --episode " + std::to_string(options.episode);
+  Watchdog watchdog(replay);
   gainmap_model::Tally tally;
   uint64_t done = 0;
   for (uint64_t episode = options.fromEpisode; done < options.steps; ++episode) {
-    gainmap_model::SeededSource source(episodeSeed(options.seed, episode));
+    gainmap_model::SeededSource source(options.seed * 0x100000001b3ull + episode);
     gainmap_model::ModelDriver driver(source, options.trace ? &std::cout : nullptr);
     uint64_t const length = std::min(options.episode, options.steps - done);
     bool ok = true;
     while (ok && driver.steps() < length) {
-      watchdog.at(episode, driver.steps() + 1);
+      watchdog.at(episode);
       ok = driver.step();
     }
-    watchdog.at(episode, length + 1);
-    ok = ok && driver.finish();
-    if (!ok) {
-      std::fprintf(
-          stderr,
-          "gainmap_model: the library and the model differ\n"
-          "seed %llu, episode %llu, %s"
-          "replay: %s --seed %llu --from-episode %llu --steps %llu --episode %llu --trace\n",
-          static_cast<unsigned long long>(options.seed), static_cast<unsigned long long>(episode),
-          driver.divergence().c_str(), argv[0], static_cast<unsigned long long>(options.seed),
-          static_cast<unsigned long long>(episode), static_cast<unsigned long long>(length),
-          static_cast<unsigned long long>(options.episode));
+    watchdog.at(episode);
+    if (!(ok && driver.finish())) {
+      std::fprintf(stderr,
+                   "gainmap_model: the library and the model differ\nepisode %llu, %s"
+                   "replay: %s --from-episode %llu --steps %llu --trace\n",
+                   static_cast<unsigned long long>(episode), driver.divergence().c_str(),
+                   replay.c_str(), static_cast<unsigned long long>(episode),
+                   static_cast<unsigned long long>(length));
       return 1;
     }
-    tally += driver.tally();
+    for (auto const& [what, count] : driver.tally()) {
+      tally[what] += count;
+    }
     done += length;
   }
-  std::printf(
-      "gainmap_model: %llu steps from seed %llu match the model\n"
-      "  pools created %llu (unworkable %llu); steps with the queues held %llu\n"
-      "  producer: %llu lent, %llu refused, %llu handed back\n"
-      "  consumers: %llu lent, %llu refused, %llu handed back; returns refused %llu\n",
-      static_cast<unsigned long long>(done), static_cast<unsigned long long>(options.seed),
-      static_cast<unsigned long long>(tally.poolsCreated),
-      static_cast<unsigned long long>(tally.unworkablePools),
-      static_cast<unsigned long long>(tally.stepsHeld),
-      static_cast<unsigned long long>(tally.producerLends),
-      static_cast<unsigned long long>(tally.producerRefusals),
-      static_cast<unsigned long long>(tally.producerReturns),
-      static_cast<unsigned long long>(tally.consumerLends),
-      static_cast<unsigned long long>(tally.consumerRefusals),
-      static_cast<unsigned long long>(tally.consumerReturns),
-      static_cast<unsigned long long>(tally.refusedReturns));
+  std::printf("gainmap_model: %llu steps from seed %llu match the model\n",
+              static_cast<unsigned long long>(done), static_cast<unsigned long long>(options.seed));
+  for (auto const& [what, count] : tally) {
+    std::printf("  %s: %llu\n", what.c_str(), static_cast<unsigned long long>(count));
+  }
   return 0;
 }
