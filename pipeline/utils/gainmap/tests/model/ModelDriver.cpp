@@ -65,34 +65,12 @@ std::string describe(Lines const& lines) {
   return text.str();
 }
 
-}  // namespace
-
-uint32_t SeededSource::below(uint32_t bound) {
-  mState += 0x9e3779b97f4a7c15ull;
-  uint64_t z = mState;
-  z = (z ^ (z >> 30)) * 0xbf58476d1ce4e5b9ull;
-  z = (z ^ (z >> 27)) * 0x94d049bb133111ebull;
-  z ^= z >> 31;
-  return static_cast<uint32_t>(z % bound);
-}
-
-uint32_t ByteSource::below(uint32_t bound) {
-  uint32_t value = 0;
-  // As many bytes as the bound needs, so that a short input still decodes.
-  for (uint32_t range = 1; range < bound && mPos < mSize; range <<= 8) {
-    value = (value << 8) | mData[mPos++];
-    if (range > (UINT32_MAX >> 8)) {
-      break;
-    }
-  }
-  return value % bound;
-}
-
-class ModelDriver::Run {
+class Episode {
  public:
-  Run(ChoiceSource& source, std::ostream* trace)
+  Episode(ChoiceSource& source, std::ostream* trace, Tally& tally)
       : mSource(source),
         mTrace(trace),
+        mTally(tally),
         mManager(NSCam::v3::Utils::IGainMapBufPoolManager::getInstance()),
         mBaseline(host::heapStats()) {
     // Every class through, to the logger sink only; dumps are built only when debug lines pass.
@@ -103,7 +81,7 @@ class ModelDriver::Run {
     host::failLockBufAt(-1);
   }
 
-  ~Run() {
+  ~Episode() {
     if (mHeld) {
       host::releaseQueues();
     }
@@ -166,9 +144,8 @@ class ModelDriver::Run {
     return agreed();
   }
 
-  std::string mDivergence;
-  uint64_t mStep = 0;
-  Tally mTally;
+  uint64_t steps() const { return mStep; }
+  std::string const& divergence() const { return mDivergence; }
 
  private:
   struct PoolHandle {
@@ -207,62 +184,55 @@ class ModelDriver::Run {
   }
 
   std::string perform(Lines& expected) {
-    // Lending calls dominate, as in a camera pipeline; the rest keep the pools changing under them.
-    uint32_t const operation = mSource.below(24);
-    switch (operation) {
-      case 0:
-        return createPool(expected);
-      case 1:
-        return getPool(expected);
-      case 2:
-        return releaseOrResume(mSource.below(2) == 0, expected);
-      case 3:
-        return mSource.below(3) == 0 ? destroyAllPools(expected) : dropPool(expected);
-      case 16:
-        return mSource.below(2) == 0 ? accessors() : dropSlot();
-      case 17:
-        return holdOrRelease();
-      case 18:
-        if (mSource.below(2) == 0) {
-          mManager->dump();
-          mWorld.dump(expected);
-          return "manager dump";
-        }
-        return platformChange();
-      default:
-        break;
+    using ClientCall = std::string (Episode::*)(Lines&);
+    using PoolCall = std::string (Episode::*)(PoolHandle const&, Lines&);
+    // Lending calls dominate, as in a camera pipeline: a pool's call weighs twice a client's. The
+    // client's calls keep the pools changing under them.
+    static constexpr ClientCall kClientCalls[] = {
+        &Episode::createPool,      &Episode::createPool,  &Episode::getPool,
+        &Episode::releaseOrResume, &Episode::dropPool,    &Episode::dropPool,
+        &Episode::destroyAllPools, &Episode::accessors,   &Episode::dropSlot,
+        &Episode::holdOrRelease,   &Episode::managerDump, &Episode::platformChange};
+    static constexpr PoolCall kPoolCalls[] = {&Episode::getProducerBuffer,
+                                              &Episode::getProducerBuffer,
+                                              &Episode::getProducerBuffer,
+                                              &Episode::setProducerBuffer,
+                                              &Episode::setProducerBuffer,
+                                              &Episode::setProducerBuffer,
+                                              &Episode::getConsumerBuffer,
+                                              &Episode::getConsumerBuffer,
+                                              &Episode::getConsumerBuffer,
+                                              &Episode::setConsumerBuffer,
+                                              &Episode::setConsumerBuffer,
+                                              &Episode::poolReleaseOrResume,
+                                              &Episode::poolDump,
+                                              &Episode::frame,
+                                              &Episode::frame,
+                                              &Episode::frame,
+                                              &Episode::frame};
+    constexpr uint32_t kClients = std::size(kClientCalls);
+    uint32_t const call = mSource.below(kClients + 2 * std::size(kPoolCalls));
+    if (call < kClients) {
+      return (this->*kClientCalls[call])(expected);
     }
-    // The rest act on a pool the client holds; without one, the client asks the manager for one.
-    bool const release = operation == 15 && mSource.below(2) == 0;
+    // Without a pool handle, the client asks the manager for one.
     if (mPools.empty()) {
       return getPool(expected);
     }
     PoolHandle const handle = mPools[mSource.below(static_cast<uint32_t>(mPools.size()))];
-    switch (operation) {
-      case 4:
-      case 5:
-      case 6:
-        return getProducerBuffer(handle, expected);
-      case 7:
-      case 8:
-      case 9:
-        return setProducerBuffer(handle, expected);
-      case 10:
-      case 11:
-      case 12:
-        return getConsumerBuffer(handle, expected);
-      case 13:
-      case 14:
-        return setConsumerBuffer(handle, expected);
-      case 15:
-        return poolReleaseOrResume(handle, release, expected);
-      case 19:
-        handle.pool->dump();
-        mWorld.pool(handle.id).dump(expected);
-        return cat("pool #", handle.id, " dump");
-      default:
-        return frame(handle, expected);
-    }
+    return (this->*kPoolCalls[(call - kClients) / 2])(handle, expected);
+  }
+
+  std::string managerDump(Lines& expected) {
+    mManager->dump();
+    mWorld.dump(expected);
+    return "manager dump";
+  }
+
+  std::string poolDump(PoolHandle const& handle, Lines& expected) {
+    handle.pool->dump();
+    mWorld.pool(handle.id).dump(expected);
+    return cat("pool #", handle.id, " dump");
   }
 
   PoolParameters drawParameters() {
@@ -280,36 +250,29 @@ class ModelDriver::Run {
       }
       return params;
     }
-    // Parameters that cannot make a working pool.
-    constexpr uint32_t kCounts[] = {kSlotCountBound, 0x80000000u, 0xffffffffu};
-    switch (mSource.below(8)) {
-      case 0:
-        break;
-      case 1:
-        params.sensorSizes.emplace(0, mSource.below(2) == 0 ? MSize(0, 3000) : MSize(0, 0));
-        break;
-      case 2:
-        params.sensorSizes.emplace(0, MSize(-4000, 3000));
-        params.sensorSizes.emplace(1, MSize(4000, 2250));
-        break;
-      case 3:
-        params.sensorSizes.emplace(0, MSize(4000, 0));
-        break;
-      case 4:
-        params.slotCount = pick(mSource, kCounts);
-        params.sensorSizes.emplace(0, MSize(5760, 160));
-        break;
-      case 5:
-        params.batchSize = 0x10000;
-        params.sensorSizes.emplace(0, MSize(4000, 3000));
-        break;
-      case 6:
-        params.sensorSizes.emplace(0, MSize(1, 100000));
-        break;
-      default:
-        params.batchSize = 9000;
-        params.sensorSizes.emplace(0, MSize(4000, 3000));
-        break;
+    // Parameters that cannot make a working pool; a batch size or slot count of 0 keeps the
+    // one drawn.
+    struct Unworkable {
+      uint32_t batchSize;
+      uint32_t slotCount;
+      std::vector<MSize> sizes;
+    };
+    static Unworkable const kUnworkable[] = {{0, 0, {}},
+                                             {0, 0, {MSize(0, 3000)}},
+                                             {0, 0, {MSize(0, 0)}},
+                                             {0, 0, {MSize(-4000, 3000), MSize(4000, 2250)}},
+                                             {0, 0, {MSize(4000, 0)}},
+                                             {0, kSlotCountBound, {MSize(5760, 160)}},
+                                             {0, 0x80000000u, {MSize(5760, 160)}},
+                                             {0, 0xffffffffu, {MSize(5760, 160)}},
+                                             {0x10000, 0, {MSize(4000, 3000)}},
+                                             {0, 0, {MSize(1, 100000)}},
+                                             {9000, 0, {MSize(4000, 3000)}}};
+    Unworkable const& row = pick(mSource, kUnworkable);
+    params.batchSize = row.batchSize != 0 ? row.batchSize : params.batchSize;
+    params.slotCount = row.slotCount != 0 ? row.slotCount : params.slotCount;
+    for (size_t mode = 0; mode < row.sizes.size(); ++mode) {
+      params.sensorSizes.emplace(static_cast<unsigned int>(mode), row.sizes[mode]);
     }
     return params;
   }
@@ -362,7 +325,8 @@ class ModelDriver::Run {
     return cat("getPool(", sensorId, ") = #", id);
   }
 
-  std::string releaseOrResume(bool release, Lines& expected) {
+  std::string releaseOrResume(Lines& expected) {
+    bool const release = mSource.below(2) == 0;
     int32_t const sensorId = drawSensorId();
     std::string const text = cat(release ? "releasePool(" : "resumePool(", sensorId, ")");
     if (release && mHeld && mWorld.filed(sensorId)) {
@@ -432,31 +396,15 @@ class ModelDriver::Run {
     std::shared_ptr<BufSlot> slot = pickSlotArgument(handle.id, SlotKind::Producer, described);
     int const index = slot ? slot->index : -1;
     SlotModel const* own = mWorld.pool(handle.id).slot(index);
-    int validSize = own != nullptr ? static_cast<int>(own->buffers) : 1;
-    switch (mSource.below(16)) {
-      case 5:
-        validSize = 0;
-        break;
-      case 6:
-        validSize = mSource.below(2) == 0 ? -1 : INT_MIN;
-        break;
-      case 7:
-        validSize += 1;
-        break;
-      default:
-        break;
-    }
-    long key = ++mLastKey;
-    switch (mSource.below(10)) {
-      case 8:
-        key = 0;
-        break;
-      case 9:
-        key = mSource.below(2) == 0 ? -key : LONG_MAX;
-        break;
-      default:
-        break;
-    }
+    // Mostly the size the slot holds; now and then none, a negative one or one too many.
+    int const fits = own != nullptr ? static_cast<int>(own->buffers) : 1;
+    constexpr int kValidSizes[] = {0, -1, INT_MIN, 1};
+    uint32_t const bend = mSource.below(16);
+    int const validSize = bend >= 4 ? fits : bend == 3 ? fits + 1 : kValidSizes[bend];
+    // Mostly a new key; now and then 0, a negative one or the largest.
+    long const next = ++mLastKey;
+    uint32_t const keyBend = mSource.below(10);
+    long const key = keyBend < 7 ? next : keyBend == 7 ? 0 : keyBend == 8 ? -next : LONG_MAX;
     int const status =
         heldCall([&] { return handle.pool->setProducerBuffer(key, validSize, slot); });
     checkReturned("setProducerBuffer",
@@ -497,7 +445,8 @@ class ModelDriver::Run {
     return cat("pool #", handle.id, " setConsumerBuffer(", described, ") = ", status);
   }
 
-  std::string poolReleaseOrResume(PoolHandle const& handle, bool release, Lines& expected) {
+  std::string poolReleaseOrResume(PoolHandle const& handle, Lines& expected) {
+    bool const release = mSource.below(2) == 0;
     std::string const call = release ? "setPoolReleased" : "setPoolResume";
     std::string const text = cat("pool #", handle.id, " ", call, "()");
     if (release && mHeld) {
@@ -513,7 +462,7 @@ class ModelDriver::Run {
     return text;
   }
 
-  std::string accessors() {
+  std::string accessors(Lines&) {
     if (mPools.empty()) {
       return "accessors: no pool held";
     }
@@ -540,7 +489,7 @@ class ModelDriver::Run {
     return cat("pool #", handle.id, " accessors");
   }
 
-  std::string dropSlot() {
+  std::string dropSlot(Lines&) {
     if (mSlots.empty()) {
       return "drop a slot: none held";
     }
@@ -551,7 +500,7 @@ class ModelDriver::Run {
     return text;
   }
 
-  std::string holdOrRelease() {
+  std::string holdOrRelease(Lines&) {
     if (mHeld) {
       host::releaseQueues();
       mHeld = false;
@@ -565,7 +514,7 @@ class ModelDriver::Run {
     return "holdQueues";
   }
 
-  std::string platformChange() {
+  std::string platformChange(Lines&) {
     if (mSource.below(2) == 0) {
       int const failAt = static_cast<int>(mSource.below(4)) - 2;
       mWorld.platform.failLockAt = failAt < 0 ? -1 : failAt;
@@ -792,16 +741,18 @@ class ModelDriver::Run {
   }
 
   void checkHeaps() {
+    using Field = uint64_t host::HeapStats::*;
+    static constexpr std::pair<char const*, Field> kFields[] = {
+        {"image heaps created", &host::HeapStats::heapsCreated},
+        {"image heaps alive", &host::HeapStats::heapsAlive},
+        {"image bytes alive", &host::HeapStats::bytesAlive},
+        {"image buffers locked", &host::HeapStats::buffersLocked},
+        {"image buffers dropped while locked", &host::HeapStats::buffersDroppedLocked}};
     host::HeapStats const now = host::heapStats();
     HeapTotals const model = mWorld.heaps();
-    expectEqual("image heaps created", model.heapsCreated,
-                now.heapsCreated - mBaseline.heapsCreated);
-    expectEqual("image heaps alive", model.heapsAlive, now.heapsAlive - mBaseline.heapsAlive);
-    expectEqual("image bytes alive", model.bytesAlive, now.bytesAlive - mBaseline.bytesAlive);
-    expectEqual("image buffers locked", model.buffersLocked,
-                now.buffersLocked - mBaseline.buffersLocked);
-    expectEqual("image buffers dropped while locked", model.droppedLocked,
-                now.buffersDroppedLocked - mBaseline.buffersDroppedLocked);
+    for (auto const& [what, field] : kFields) {
+      expectEqual(what, model.*field, now.*field - mBaseline.*field);
+    }
   }
 
   void checkIdentity(std::shared_ptr<BufSlot> const& slot, int poolId, int index) {
@@ -819,6 +770,7 @@ class ModelDriver::Run {
   host::LogGates mGates;
   ChoiceSource& mSource;
   std::ostream* mTrace;
+  Tally& mTally;
   std::shared_ptr<NSCam::v3::Utils::IGainMapBufPoolManager> mManager;
   WorldModel mWorld;
   host::LogCapture mCapture;
@@ -827,27 +779,42 @@ class ModelDriver::Run {
   std::vector<SlotHandle> mSlots;
   bool mHeld = false;
   int64_t mLastKey = 0;
+  uint64_t mStep = 0;
   std::string mOperation;
   std::vector<std::string> mProblems;
+  std::string mDivergence;
 };
 
-ModelDriver::ModelDriver(ChoiceSource& source, std::ostream* trace)
-    : mRun(std::make_unique<Run>(source, trace)) {}
-ModelDriver::~ModelDriver() = default;
-bool ModelDriver::step() {
-  return mRun->step();
+}  // namespace
+
+uint32_t ChoiceSource::below(uint32_t bound) {
+  if (mBytes) {
+    uint32_t value = 0;
+    // As many bytes as the bound needs, so that a short input still decodes.
+    for (uint32_t range = 1; range < bound && mPos < mSize; range <<= 8) {
+      value = (value << 8) | mData[mPos++];
+      if (range > (UINT32_MAX >> 8)) {
+        break;
+      }
+    }
+    return value % bound;
+  }
+  mState += 0x9e3779b97f4a7c15ull;
+  uint64_t z = mState;
+  z = (z ^ (z >> 30)) * 0xbf58476d1ce4e5b9ull;
+  z = (z ^ (z >> 27)) * 0x94d049bb133111ebull;
+  z ^= z >> 31;
+  return static_cast<uint32_t>(z % bound);
 }
-bool ModelDriver::finish() {
-  return mRun->finish();
-}
-std::string const& ModelDriver::divergence() const {
-  return mRun->mDivergence;
-}
-uint64_t ModelDriver::steps() const {
-  return mRun->mStep;
-}
-Tally const& ModelDriver::tally() const {
-  return mRun->mTally;
+
+std::string runEpisode(ChoiceSource& source, uint64_t steps, Tally& tally, std::ostream* trace) {
+  Episode episode(source, trace, tally);
+  bool agreed = true;
+  while (agreed && episode.steps() < steps && !source.exhausted()) {
+    agreed = episode.step();
+  }
+  episode.finish();
+  return episode.divergence();
 }
 
 }  // namespace gainmap_model

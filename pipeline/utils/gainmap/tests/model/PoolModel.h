@@ -22,6 +22,7 @@
 #include <utility>
 #include <vector>
 
+#include "HostPlatform.h"
 #include "IGainMapBufPool.h"
 
 namespace gainmap_model {
@@ -184,15 +185,9 @@ struct SlotModel {
   }
 };
 
-struct HeapTotals {
-  uint64_t heapsCreated = 0;
-  uint64_t heapsAlive = 0;
-  uint64_t bytesAlive = 0;
-  uint64_t buffersLocked = 0;
-  // Buffers dropped while still locked: the batches a per-size map did not keep, and per-size
-  // batches going with their slot object.
-  uint64_t droppedLocked = 0;
-};
+// Heaps created and alive, bytes alive, buffers locked and dropped while locked, as the host's
+// image-buffer library counts them.
+using HeapTotals = qelcam::host::HeapStats;
 
 class PoolModel {
  public:
@@ -539,9 +534,10 @@ class PoolModel {
     // the batches nobody kept.
     bool const keepsOld = slot.useSizeMap && slot.sizeKeys != 0;
     if (slot.useSizeMap) {
-      mHeaps.droppedLocked += lockedPerBatch * (modes - (keepsOld ? 0 : mGeometry.distinctSizes));
+      mHeaps.buffersDroppedLocked +=
+          lockedPerBatch * (modes - (keepsOld ? 0 : mGeometry.distinctSizes));
     } else {
-      mHeaps.droppedLocked += slot.lockedBuffers;
+      mHeaps.buffersDroppedLocked += slot.lockedBuffers;
     }
     if (!keepsOld) {
       slot.buffers = slot.useSizeMap ? 0 : batch;
@@ -555,7 +551,7 @@ class PoolModel {
 
   // The slot object goes; a per-size batch goes with it without being unlocked.
   void dropSlotObject(SlotModel& slot) {
-    mHeaps.droppedLocked += slot.lockedBuffers;
+    mHeaps.buffersDroppedLocked += slot.lockedBuffers;
     slot.releaseBuffers();
   }
 
@@ -715,7 +711,7 @@ class WorldModel {
   std::vector<Entry> mPools;
   std::map<int, int> mBySensor;
   // Heaps created and locked buffers dropped by every pool.
-  HeapTotals mMade;
+  HeapTotals mMade{};
 };
 
 }  // namespace gainmap_model
