@@ -58,6 +58,9 @@ std::string cat(Parts const&... parts) {
 }
 
 std::string describe(Lines const& lines) {
+  if (lines.empty()) {
+    return "    none\n";
+  }
   std::ostringstream text;
   for (Line const& line : lines) {
     text << "    [" << line.level << "] " << line.text << "\n";
@@ -334,9 +337,7 @@ class Episode {
       return text + " skipped: the queues are held";
     }
     int const status = release ? mManager->releasePool(sensorId) : mManager->resumePool(sensorId);
-    int const modelStatus =
-        release ? mWorld.releasePool(sensorId, expected) : mWorld.resumePool(sensorId, expected);
-    expectEqual(text + " status", modelStatus, status);
+    expectEqual(text + " status", mWorld.releaseOrResumePool(release, sensorId, expected), status);
     return text;
   }
 
@@ -453,11 +454,7 @@ class Episode {
       return text + " skipped: the queues are held";
     }
     int const status = release ? handle.pool->setPoolReleased() : handle.pool->setPoolResume();
-    if (release) {
-      mWorld.pool(handle.id).setPoolReleased(expected);
-    } else {
-      mWorld.pool(handle.id).setPoolResume();
-    }
+    mWorld.pool(handle.id).releaseOrResume(release, expected);
     expectEqual(call + " status", 0, status);
     return text;
   }

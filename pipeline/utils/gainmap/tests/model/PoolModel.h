@@ -267,13 +267,13 @@ class PoolModel {
     });
   }
 
-  // Waits for the queue as the library does (running what is queued), then queues the release.
-  void setPoolReleased(Lines& out) {
-    runQueued(out);
-    mQueue.push_back([this](Lines& o) { runRelease(o); });
-  }
-  void setPoolResume() {
-    mQueue.push_back([this](Lines& o) { runResume(o); });
+  // Queues the release or the resume; a release first waits for the queue as the library does
+  // (running what is queued).
+  void releaseOrResume(bool release, Lines& out) {
+    if (release) {
+      runQueued(out);
+    }
+    mQueue.push_back([this, release](Lines& o) { release ? runRelease(o) : runResume(o); });
   }
 
   void dump(Lines& out) const {
@@ -600,17 +600,10 @@ class WorldModel {
     }
     return filed->second;
   }
-  int releasePool(int sensorId, Lines& out) {
-    int const id = getPool(sensorId, out, "releasePool");
+  int releaseOrResumePool(bool release, int sensorId, Lines& out) {
+    int const id = getPool(sensorId, out, release ? "releasePool" : "resumePool");
     if (id >= 0) {
-      pool(id).setPoolReleased(out);
-    }
-    return id >= 0 ? 0 : kBadValue;
-  }
-  int resumePool(int sensorId, Lines& out) {
-    int const id = getPool(sensorId, out, "resumePool");
-    if (id >= 0) {
-      pool(id).setPoolResume();
+      pool(id).releaseOrResume(release, out);
     }
     return id >= 0 ? 0 : kBadValue;
   }
