@@ -399,9 +399,9 @@ class Episode {
     SlotModel const* own = mWorld.pool(handle.id).slot(index);
     // Mostly the size the slot holds; now and then none, a negative one or one too many.
     int const fits = own != nullptr ? static_cast<int>(own->buffers) : 1;
-    constexpr int kValidSizes[] = {0, -1, INT_MIN, 1};
+    constexpr int kValidSizes[] = {0, -1, INT_MIN};
     uint32_t const bend = mSource.below(16);
-    int const validSize = bend >= 4 ? fits : bend == 3 ? fits + 1 : kValidSizes[bend];
+    int const validSize = bend < 3 ? kValidSizes[bend] : bend == 3 ? fits + 1 : fits;
     // Mostly a new key; now and then 0, a negative one or the largest.
     long const next = ++mLastKey;
     uint32_t const keyBend = mSource.below(10);
