@@ -8,6 +8,7 @@
 // too and runs only when the caller says the queues have run, so the model matches a library whose
 // queues were drained or held between client calls.
 
+#include <algorithm>
 #include <cstdarg>
 #include <cstdint>
 #include <cstdio>
@@ -585,7 +586,7 @@ class WorldModel {
     auto [filed, fresh] = mBySensor.emplace(params.sensorId, id);
     if (!fresh) {
       int const old = std::exchange(filed->second, id);
-      if (mPools[static_cast<size_t>(old)].clientRefs == 0) {
+      if (refs(old) == 0) {
         pool(old).destroy(out);
       }
     }
@@ -632,12 +633,8 @@ class WorldModel {
     return filed != mBySensor.end() && refs(filed->second) == 0;
   }
   bool destroyWouldDestroy(int uniKey) const {
-    for (int id : filedWithKey(uniKey)) {
-      if (refs(id) == 0) {
-        return true;
-      }
-    }
-    return false;
+    std::vector<int> const ids = filedWithKey(uniKey);
+    return std::any_of(ids.begin(), ids.end(), [this](int id) { return refs(id) == 0; });
   }
   bool dropWouldDestroy(int poolId) const { return refs(poolId) == 1 && !inManager(poolId); }
 
@@ -683,12 +680,8 @@ class WorldModel {
 
   int refs(int poolId) const { return mPools[static_cast<size_t>(poolId)].clientRefs; }
   bool inManager(int poolId) const {
-    for (auto const& [sensor, id] : mBySensor) {
-      if (id == poolId) {
-        return true;
-      }
-    }
-    return false;
+    return std::any_of(mBySensor.begin(), mBySensor.end(),
+                       [poolId](auto const& filed) { return filed.second == poolId; });
   }
   std::vector<int> filedWithKey(int uniKey) const {
     std::vector<int> ids;
