@@ -378,8 +378,8 @@ class Episode {
     int const validSize = static_cast<int>(model.slot(index)->buffers);
     int const status =
         heldCall([&] { return handle.pool->setProducerBuffer(key, validSize, slot); });
-    checkReturned("setProducerBuffer", model.setProducerBuffer(key, validSize, index, expected),
-                  status, nullptr, SlotKind::Producer);
+    checkReturned(SlotKind::Producer, model.setProducerBuffer(key, validSize, index, expected),
+                  status, nullptr);
     return cat(text, ", setProducerBuffer(key=", key, ", validSize=", validSize, ") = ", status);
   }
 
@@ -408,9 +408,9 @@ class Episode {
     long const key = keyBend < 7 ? next : keyBend == 7 ? 0 : keyBend == 8 ? -next : LONG_MAX;
     int const status =
         heldCall([&] { return handle.pool->setProducerBuffer(key, validSize, slot); });
-    checkReturned("setProducerBuffer",
+    checkReturned(SlotKind::Producer,
                   mWorld.pool(handle.id).setProducerBuffer(key, validSize, index, expected), status,
-                  slot, SlotKind::Producer);
+                  slot);
     return cat("pool #", handle.id, " setProducerBuffer(key=", key, ", validSize=", validSize, ", ",
                described, ") = ", status);
   }
@@ -441,8 +441,8 @@ class Episode {
     std::shared_ptr<BufSlot> slot = pickSlotArgument(handle.id, SlotKind::Consumer, described);
     int const index = slot ? slot->index : -1;
     int const status = heldCall([&] { return handle.pool->setConsumerBuffer(slot); });
-    checkReturned("setConsumerBuffer", mWorld.pool(handle.id).setConsumerBuffer(index, expected),
-                  status, slot, SlotKind::Consumer);
+    checkReturned(SlotKind::Consumer, mWorld.pool(handle.id).setConsumerBuffer(index, expected),
+                  status, slot);
     return cat("pool #", handle.id, " setConsumerBuffer(", described, ") = ", status);
   }
 
@@ -573,11 +573,13 @@ class Episode {
     return true;
   }
 
-  // After a set call: the statuses agree, and a returned slot's handle mostly goes.
-  void checkReturned(char const* call, int modelStatus, int status,
-                     std::shared_ptr<BufSlot> const& slot, SlotKind kind) {
-    expectEqual(cat(call, " status"), modelStatus, status);
+  // After a set call: the statuses agree, and the handle of a returned slot mostly goes (a null
+  // `slot` has none).
+  void checkReturned(SlotKind kind, int modelStatus, int status,
+                     std::shared_ptr<BufSlot> const& slot) {
     bool const producer = kind == SlotKind::Producer;
+    expectEqual(producer ? "setProducerBuffer status" : "setConsumerBuffer status", modelStatus,
+                status);
     ++mTally[status != 0 ? "returns refused" : producer ? "producer returns" : "consumers returns"];
     // Half the time the client keeps the pointer, to misuse it later.
     if (status != 0 || slot == nullptr || mSource.below(2) == 0) {
