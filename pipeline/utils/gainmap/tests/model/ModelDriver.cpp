@@ -249,7 +249,9 @@ class Episode {
       // One mode, or several of which two may share a sensor size.
       uint32_t const modes = shape < 6 ? 1 : 2 + mSource.below(2);
       for (uint32_t m = 0; m < modes; ++m) {
-        params.sensorSizes.emplace(pick(mSource, kModes), pick(mSource, kSizes));
+        // Drawn in turn, so that every compiler replays the same sequence.
+        uint32_t const mode = pick(mSource, kModes);
+        params.sensorSizes.emplace(mode, pick(mSource, kSizes));
       }
       return params;
     }
