@@ -40,22 +40,9 @@ namespace framepattern = qelcam::framepattern;
 using NSCam::MSize;
 using NSCam::v3::Utils::IGainMapBufPool;
 using NSCam::v3::Utils::IGainMapBufPoolManager;
+using PoolParameters = IGainMapBufPoolManager::PoolParameters;
 using Buffers = std::vector<std::shared_ptr<qcam::IImageBuffer>>;
 using Clock = std::chrono::steady_clock;
-
-struct SensorSetup {
-  IGainMapBufPoolManager::PoolParameters params;
-  bool lagging;
-};
-
-// Small gain maps (16, 32 and 10 rows) so that every byte is written and checked. Sensor 2 has
-// several modes: the batch lives per sensor size, `buffers` stays empty.
-std::vector<SensorSetup> sensorSetups() {
-  return {
-      {{0, {{0, MSize(5760, 160)}}, 2, 3, 40}, false},
-      {{1, {{0, MSize(5760, 320)}}, 1, 2, 40}, true},
-      {{2, {{0, MSize(5760, 160)}, {1, MSize(5760, 90)}, {2, MSize(2880, 80)}}, 2, 3, 41}, false}};
-}
 
 // The soak's counts, each printed as one row; byte mismatches to refused returns are faults.
 enum Count {
@@ -96,7 +83,8 @@ struct Frame {
 };
 
 struct Sensor {
-  SensorSetup setup;
+  PoolParameters params;
+  bool lagging;
   // Releases of this sensor's pool: counted before releasePool, and once its task has surely run.
   std::atomic<uint64_t> releasesRequested{0};
   std::atomic<uint64_t> releasesDone{0};
@@ -106,8 +94,9 @@ struct Sensor {
   // that consumers hold slots the producer comes back to.
   std::vector<std::atomic<uint64_t>> tried;
 
-  Sensor(SensorSetup s, size_t consumers) : setup(std::move(s)), tried(consumers) {}
-  bool singleMode() const { return setup.params.sensorSizes.size() == 1; }
+  Sensor(PoolParameters p, bool lags, size_t consumers)
+      : params(std::move(p)), lagging(lags), tried(consumers) {}
+  bool singleMode() const { return params.sensorSizes.size() == 1; }
 };
 
 uint8_t* bytesOf(std::shared_ptr<qcam::IImageBuffer> const& buffer) {
@@ -133,9 +122,16 @@ class Soak {
              std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(seconds))),
         mSeed(seed),
         mConsumers(consumers) {
-    for (SensorSetup const& setup : sensorSetups()) {
-      mSensors.push_back(std::make_unique<Sensor>(setup, consumers));
-    }
+    // Small gain maps (16, 32 and 10 rows) so that every byte is written and checked. Sensor 2
+    // has several modes: the batch lives per sensor size, `buffers` stays empty.
+    mSensors.push_back(std::make_unique<Sensor>(
+        PoolParameters{0, {{0, MSize(5760, 160)}}, 2, 3, 40}, false, consumers));
+    mSensors.push_back(std::make_unique<Sensor>(
+        PoolParameters{1, {{0, MSize(5760, 320)}}, 1, 2, 40}, true, consumers));
+    mSensors.push_back(std::make_unique<Sensor>(
+        PoolParameters{
+            2, {{0, MSize(5760, 160)}, {1, MSize(5760, 90)}, {2, MSize(2880, 80)}}, 2, 3, 41},
+        false, consumers));
   }
 
   void run() {
@@ -155,7 +151,7 @@ class Soak {
     }
     for (auto& sensor : mSensors) {
       sensor->latest = Frame();
-      mManager->destroyAllPools(sensor->setup.params.uniKey);
+      mManager->destroyAllPools(sensor->params.uniKey);
     }
     qelcam::host::waitQueuesIdle();
   }
@@ -166,16 +162,16 @@ class Soak {
   bool running() const { return Clock::now() < mEnd; }
 
   void create(Sensor& sensor) {
-    mManager->createPool(sensor.setup.params, sensor.setup.lagging);
-    if (sensor.setup.lagging) {
-      mManager->resumePool(sensor.setup.params.sensorId);
+    mManager->createPool(sensor.params, sensor.lagging);
+    if (sensor.lagging) {
+      mManager->resumePool(sensor.params.sensorId);
     }
   }
 
   void produce(Sensor& sensor) {
     while (running()) {
       uint64_t const doneAtStart = sensor.releasesDone.load();
-      std::shared_ptr<IGainMapBufPool> pool = mManager->getPool(sensor.setup.params.sensorId);
+      std::shared_ptr<IGainMapBufPool> pool = mManager->getPool(sensor.params.sensorId);
       std::shared_ptr<IGainMapBufPool::BufSlot> slot = pool ? pool->getProducerBuffer() : nullptr;
       if (!slot) {
         std::this_thread::yield();
@@ -305,7 +301,7 @@ class Soak {
     std::minstd_rand random(static_cast<std::minstd_rand::result_type>(mSeed));
     while (running()) {
       Sensor& sensor = *mSensors[random() % mSensors.size()];
-      int const sensorId = sensor.setup.params.sensorId;
+      int const sensorId = sensor.params.sensorId;
       auto const pick = random() % 9;
       if (pick <= 3) {
         release(sensor, [&] { mManager->releasePool(sensorId); });
@@ -320,10 +316,10 @@ class Soak {
         ++mCounts[Replacements];
       } else if (pick == 7) {
         // Every pool of the sensor's client goes, then comes back.
-        mManager->destroyAllPools(sensor.setup.params.uniKey);
+        mManager->destroyAllPools(sensor.params.uniKey);
         ++mCounts[Destructions];
         for (auto& other : mSensors) {
-          if (other->setup.params.uniKey == sensor.setup.params.uniKey) {
+          if (other->params.uniKey == sensor.params.uniKey) {
             create(*other);
           }
         }
