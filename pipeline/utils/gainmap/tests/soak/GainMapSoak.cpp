@@ -150,6 +150,7 @@ class Soak {
       thread.join();
     }
     for (auto& sensor : mSensors) {
+      std::lock_guard<std::mutex> lock(sensor->latestLock);
       sensor->latest = Frame();
       mManager->destroyAllPools(sensor->params.uniKey);
     }
@@ -185,7 +186,7 @@ class Soak {
         writeSizeViews(*slot, key);
         std::this_thread::yield();
       } else if (Buffers const buffers = slot->buffers;
-                 !allHaveMemory(buffers) || buffers.empty()) {
+                 buffers.empty() || !allHaveMemory(buffers)) {
         ++mCounts[SlotsWithoutBuffers];
       } else {
         for (written = 0; written < buffers.size(); ++written) {
