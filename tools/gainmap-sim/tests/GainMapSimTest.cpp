@@ -118,7 +118,6 @@ TEST(GainMapSim, DefaultSensorsCarryTheirFramesCleanlyAcrossReleasesTracedOnEver
                           false);
 
   expectTexts(run, 0, {"\nresult: clean\n", "image heaps left at exit 0, bytes left 0"});
-  EXPECT_EQ(run.output.find("total"), std::string::npos) << run.output;
   // The producer meets every release: refused as released, never without a reason.
   expectRows(run, 3,
              {"frames produced", "frames consumed", "release cycles", "producer refused: released"},
