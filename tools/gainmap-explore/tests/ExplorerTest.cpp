@@ -4,6 +4,14 @@
 
 namespace {
 
+explore::Result run(char const* name, std::function<void()> const& body, int bound,
+                    std::string replay = "") {
+  explore::Options options;
+  options.bound = bound;
+  options.replay = std::move(replay);
+  return explore::explore(name, body, options);
+}
+
 // Two threads add one to a counter by a read and a write with a scheduling point between them.
 void lostUpdate() {
   int counter = 0;
@@ -19,18 +27,15 @@ void lostUpdate() {
 }
 
 TEST(Explorer, FindsALostUpdateWithOnePreemptionAndReplaysIt) {
-  explore::Options options;
-  options.bound = 0;
-  EXPECT_FALSE(explore::explore("lost-update", lostUpdate, options).failed);
+  EXPECT_FALSE(run("lost-update", lostUpdate, 0).failed);
 
-  options.bound = 1;
-  explore::Result const found = explore::explore("lost-update", lostUpdate, options);
+  explore::Result const found = run("lost-update", lostUpdate, 1);
   ASSERT_TRUE(found.failed);
   EXPECT_EQ(found.failure, "an update was lost");
   ASSERT_EQ(found.replay.rfind("lost-update@", 0), 0u);
 
-  options.replay = found.replay.substr(found.replay.find('@') + 1);
-  explore::Result const replayed = explore::explore("lost-update", lostUpdate, options);
+  explore::Result const replayed =
+      run("lost-update", lostUpdate, 1, found.replay.substr(found.replay.find('@') + 1));
   EXPECT_EQ(replayed.schedules, 1u);
   EXPECT_TRUE(replayed.failed);
   EXPECT_EQ(replayed.replay, found.replay);
@@ -49,23 +54,16 @@ TEST(Explorer, CountsTheSchedulesOfTwoThreadsOfTwoPointsEach) {
   // Each thread runs three stretches (to its first point, to its second, to its end): the
   // interleavings of aaa and bbb are C(6,3) = 20. One of the switches follows a thread's end, the
   // others are preemptions: 2 orders with 2 runs, 4 with 3, 8 with 4 runs.
-  struct Case {
-    int bound;
-    uint64_t schedules;
-  };
-  for (Case c : {Case{0, 2}, Case{1, 6}, Case{2, 14}, Case{4, 20}, Case{9, 20}}) {
-    explore::Options options;
-    options.bound = c.bound;
-    explore::Result const result = explore::explore("two-by-two", body, options);
+  for (auto [bound, schedules] : {std::pair{0, 2u}, {1, 6u}, {2, 14u}, {4, 20u}, {9, 20u}}) {
+    explore::Result const result = run("two-by-two", body, bound);
     EXPECT_FALSE(result.failed) << result.failure;
-    EXPECT_EQ(result.schedules, c.schedules) << "bound " << c.bound;
+    EXPECT_EQ(result.schedules, schedules) << "bound " << bound;
   }
 }
 
 TEST(Explorer, NamesTheThreadsOfADeadlock) {
   auto body = [] {
-    int first = 0;
-    int second = 0;
+    int locks[2] = {};
     auto lockBoth = [](void const* a, void const* b) {
       return [a, b] {
         explore::acquire(a, "lockBoth");
@@ -74,13 +72,11 @@ TEST(Explorer, NamesTheThreadsOfADeadlock) {
         explore::release(a);
       };
     };
-    explore::spawn("ab", lockBoth(&first, &second));
-    explore::spawn("ba", lockBoth(&second, &first));
+    explore::spawn("ab", lockBoth(&locks[0], &locks[1]));
+    explore::spawn("ba", lockBoth(&locks[1], &locks[0]));
     explore::joinAll();
   };
-  explore::Options options;
-  options.bound = 1;
-  explore::Result const result = explore::explore("deadlock", body, options);
+  explore::Result const result = run("deadlock", body, 1);
   ASSERT_TRUE(result.failed);
   EXPECT_EQ(result.failure,
             "deadlock: no thread can go on\n"

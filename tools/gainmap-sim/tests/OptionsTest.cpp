@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <tuple>
+
 namespace gainmapsim {
 namespace {
 
@@ -14,34 +16,23 @@ TEST(SimOptions, SensorOptionsReplaceTheDefaultsAndCarryEveryField) {
 
   ASSERT_EQ(parsed.kind, ParseResult::Kind::Run) << parsed.error;
   Options const& options = parsed.options;
-  EXPECT_EQ(options.fps, 60);
-  EXPECT_EQ(options.hold.kind, HoldModel::Kind::Uniform);
-  EXPECT_EQ(options.hold.minMs, 5);
-  EXPECT_EQ(options.hold.maxMs, 5);
+  EXPECT_EQ(std::tuple(options.fps, options.hold.kind, options.hold.minMs, options.hold.maxMs),
+            std::tuple(60, HoldModel::Kind::Uniform, 5, 5));
   EXPECT_EQ(options.batches, (std::vector<uint32_t>{1, 4}));
-  EXPECT_EQ(options.warmUpSec, 3);
-  EXPECT_EQ(options.maxDropPercent, 2);
-  EXPECT_EQ(options.allocCostUsPerMiB, 65);
+  EXPECT_EQ(std::tuple(options.warmUpSec, options.maxDropPercent, options.allocCostUsPerMiB),
+            std::tuple(3, 2, 65));
   ASSERT_EQ(options.sensors.size(), 2u);
   SensorConfig const& first = options.sensors[0];
-  EXPECT_EQ(first.id, -3);
-  ASSERT_EQ(first.modes.size(), 2u);
-  EXPECT_EQ(first.modes.at(0), NSCam::MSize(4000, 3000));
-  EXPECT_EQ(first.modes.at(7), NSCam::MSize(4000, 2250));
-  EXPECT_EQ(first.batch, 2u);
-  EXPECT_EQ(first.slots, 4u);
-  EXPECT_TRUE(first.lagging);
+  EXPECT_EQ(first.modes, (std::map<uint32_t, NSCam::MSize>{{0, {4000, 3000}}, {7, {4000, 2250}}}));
+  EXPECT_EQ(std::tuple(first.id, first.batch, first.slots, first.lagging),
+            std::tuple(-3, 2u, 4u, true));
   ASSERT_TRUE(first.hold.has_value());
-  EXPECT_EQ(first.hold->kind, HoldModel::Kind::Lognormal);
-  EXPECT_EQ(first.hold->medianMs, 30);
-  EXPECT_EQ(first.hold->p99Ms, 250);
+  EXPECT_EQ(std::tuple(first.hold->kind, first.hold->medianMs, first.hold->p99Ms),
+            std::tuple(HoldModel::Kind::Lognormal, 30, 250));
   SensorConfig const& second = options.sensors[1];
-  EXPECT_EQ(second.id, 9);
-  EXPECT_EQ(second.modes.at(1), NSCam::MSize(1920, 1080));
-  EXPECT_EQ(second.batch, 1u);
-  EXPECT_EQ(second.slots, 3u);
-  EXPECT_FALSE(second.lagging);
-  EXPECT_FALSE(second.hold.has_value());
+  EXPECT_EQ(second.modes, (std::map<uint32_t, NSCam::MSize>{{1, {1920, 1080}}}));
+  EXPECT_EQ(std::tuple(second.id, second.batch, second.slots, second.lagging, second.hold),
+            std::tuple(9, 1u, 3u, false, std::nullopt));
 }
 
 }  // namespace

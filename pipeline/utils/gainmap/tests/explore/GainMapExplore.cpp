@@ -3,11 +3,13 @@
 // Each scenario sets a pool up, lets two or three client threads and the pool's queue race, and
 // checks every call's outcome against the ones the protocol allows, then the pool at rest.
 
+#include <algorithm>
 #include <cstdio>
 #include <functional>
 #include <initializer_list>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "Explorer.h"
@@ -50,23 +52,13 @@ std::string outcome(int status) {
 }
 
 void expect(char const* call, std::string const& got, std::initializer_list<char const*> allowed) {
-  for (char const* one : allowed) {
-    if (got == one) {
-      return;
-    }
-  }
-  check(false, std::string(call) + " gave \"" + got + "\", which the protocol does not allow here");
+  check(std::find(allowed.begin(), allowed.end(), got) != allowed.end(),
+        std::string(call) + " gave \"" + got + "\", which the protocol does not allow here");
 }
 
+// Gain maps of 576x16 bytes.
 Pool::PoolParameters params(uint32_t slots) {
-  Pool::PoolParameters p;
-  p.sensorId = kSensor;
-  // Gain maps of 576x16 bytes.
-  p.sensorSizes = {{0, MSize(5760, 160)}};
-  p.batchSize = 1;
-  p.slotCount = slots;
-  p.uniKey = kUniKey;
-  return p;
+  return {kSensor, {{0, MSize(5760, 160)}}, 1, slots, kUniKey};
 }
 
 std::shared_ptr<Pool> newPool(uint32_t slots) {
@@ -134,12 +126,6 @@ void borrow(Pool& pool, long key, int index, std::initializer_list<char const*> 
   }
 }
 
-struct SlotRow {
-  int producer = 0;
-  size_t consumers = 0;
-  size_t buffers = 0;
-};
-
 // Keeps the last line written, instead of the log.
 class LastLine : public ULogger {
  public:
@@ -147,62 +133,49 @@ class LastLine : public ULogger {
   std::string line;
 };
 
-// The pool's dump, read through the log: whether it is released, and every slot's users and
-// buffers.
-bool readDump(Pool& pool, std::vector<SlotRow>* slots) {
-  uint32_t const level = ULogger::sDetailsLevel;
-  uint32_t const mask = ULogger::sNormalDetailsMask;
-  ULogger* const logger = ULogger::sULogger;
+std::string dumpOf(Pool& pool) {
   LastLine last;
-  ULogger::sULogger = &last;
-  ULogger::sDetailsLevel = 5;
-  ULogger::sNormalDetailsMask |= 0x201000;
-  ULogger::sMode = 2;
+  qelcam::host::LogGates gates;
+  gates.set(2, 5, ULogger::sNormalDetailsMask | 0x201000);
+  ULogger* const logger = std::exchange(ULogger::sULogger, &last);
   pool.dump();
-  ULogger::sMode = 0;
-  ULogger::sDetailsLevel = level;
-  ULogger::sNormalDetailsMask = mask;
   ULogger::sULogger = logger;
-  std::string const& text = last.line;
+  return last.line;
+}
+
+// Once the threads have ended and the queue is idle, read in the pool's dump: users are back to
+// zero, a released pool's slots hold no memory, an active pool lends every slot with its buffers,
+// and the memory alive is one heap per slot that has buffers.
+void checkAtRest(Pool& pool) {
+  std::string const dump = dumpOf(pool);
   int released = 0;
   int used = 0;
-  std::sscanf(text.c_str(),
+  std::sscanf(dump.c_str(),
               "[dump] [s:%*d] released(%d) (p, c, validSize, key, buffers.size()): {%n", &released,
               &used);
-  check(used > 0, "no dump: " + text);
-  for (char const* item = text.c_str() + used;;) {
-    SlotRow row;
+  check(used > 0, "no dump: " + dump);
+  uint64_t withBuffers = 0;
+  int index = 0;
+  int producer = 0;
+  size_t consumers = 0;
+  size_t buffers = 0;
+  for (char const* item = dump.c_str() + used;; item += used) {
     used = 0;
-    if (std::sscanf(item, "[%*d]: (%d, %zu, %*d, %*d, %zu), %n", &row.producer, &row.consumers,
-                    &row.buffers, &used) != 3 ||
+    if (std::sscanf(item, "[%d]: (%d, %zu, %*d, %*d, %zu), %n", &index, &producer, &consumers,
+                    &buffers, &used) != 4 ||
         used == 0) {
       break;
     }
-    slots->push_back(row);
-    item += used;
-  }
-  return released != 0;
-}
-
-// Once the threads have ended and the queue is idle: users are back to zero, a released pool's
-// slots hold no memory, an active pool lends every slot with its buffers, and the memory alive is
-// one heap per slot that has buffers.
-void checkAtRest(Pool& pool) {
-  std::vector<SlotRow> slots;
-  bool const released = readDump(pool, &slots);
-  uint64_t withBuffers = 0;
-  for (size_t i = 0; i < slots.size(); ++i) {
-    check(slots[i].producer == 0 && slots[i].consumers == 0,
-          "slot " + std::to_string(i) + " still has users at rest");
-    check(!released || slots[i].buffers == 0,
-          "slot " + std::to_string(i) + " of a released pool keeps its memory");
-    withBuffers += slots[i].buffers;
+    std::string const slot = "slot " + std::to_string(index);
+    check(producer == 0 && consumers == 0, slot + " still has users at rest");
+    check(released == 0 || buffers == 0, slot + " of a released pool keeps its memory");
+    withBuffers += buffers;
   }
   auto const stats = qelcam::host::heapStats();
   check(stats.heapsAlive - base.heapsAlive == withBuffers,
         std::to_string(stats.heapsAlive - base.heapsAlive) + " heaps alive for " +
             std::to_string(withBuffers) + " slots with buffers");
-  for (uint32_t i = 0; !released && i < pool.getMaxSlotCount(); ++i) {
+  for (uint32_t i = 0; released == 0 && i < pool.getMaxSlotCount(); ++i) {
     expect("a frame at rest", produce(pool, 1000 + i), {"0"});
   }
 }
@@ -218,105 +191,99 @@ void checkGone() {
 }
 
 // Frame 100 in slot 0, which `reader` holds, and frame 101 in slot 1.
-std::shared_ptr<Pool> slotZeroRead(uint32_t slots, SlotPtr* reader) {
-  auto pool = newPool(slots);
+std::shared_ptr<Pool> slotZeroRead(SlotPtr* reader) {
+  auto pool = newPool(2);
   produce(*pool, 100);
   *reader = pool->getConsumerBuffer(100, 0);
   produce(*pool, 101);
   return pool;
 }
 
-// The client's part of a race; then, once every thread has ended, the pool at rest.
-void raceClient(Pool& pool, std::function<void()> client) {
-  spawn("client", std::move(client));
+// Once every thread has ended, the pool at rest.
+void joinAllAtRest(Pool& pool) {
   explore::joinAll();
   checkAtRest(pool);
 }
 
-// Every scenario ends with its pools gone and their memory with them.
-explore::Scenario scenario(std::string name, int bound, std::function<void()> body) {
-  return {std::move(name), bound, [body = std::move(body)] {
-            base = qelcam::host::heapStats();
-            body();
-            checkGone();
-          }};
+void frame(Pool& pool, long key, std::initializer_list<char const*> allowed) {
+  expect("a frame", produce(pool, key), allowed);
+}
+
+void handBack(Pool& pool, long key, int valid, SlotPtr const& slot) {
+  expect("setProducerBuffer", outcome(pool.setProducerBuffer(key, valid, slot)), {"0"});
+}
+
+void releaseAndResume(Pool& pool) {
+  pool.setPoolReleased();
+  pool.setPoolResume();
 }
 
 // A release against the producer taking a slot: lent with its buffers, or refused as released.
 void releaseVsProducerGet() {
   auto pool = newPool(2);
-  spawn("producer", [&] { expect("a frame", produce(*pool, 1), {"0", "released"}); });
-  raceClient(*pool, [&] { pool->setPoolReleased(); });
+  spawn("producer", [&] { frame(*pool, 1, {"0", "released"}); });
+  spawn("client", [&] { pool->setPoolReleased(); });
+  joinAllAtRest(*pool);
 }
 
 // A release against the producer handing its slot back: the slot is freed either way.
 void releaseVsProducerSet() {
   auto pool = newPool(2);
   SlotPtr writing = pool->getProducerBuffer();
-  spawn("producer", [&] {
-    expect("setProducerBuffer", outcome(pool->setProducerBuffer(100, 1, writing)), {"0"});
-  });
-  raceClient(*pool, [&] { pool->setPoolReleased(); });
+  spawn("producer", [&] { handBack(*pool, 100, 1, writing); });
+  spawn("client", [&] { pool->setPoolReleased(); });
+  joinAllAtRest(*pool);
 }
 
 // A release against a consumer that returns slot 0 and borrows slot 1.
 void releaseVsConsumer() {
   SlotPtr reader;
-  auto pool = slotZeroRead(2, &reader);
+  auto pool = slotZeroRead(&reader);
   Hold held(reader);
   spawn("consumer", [&] {
     held.giveBack(*pool);
     // A borrow that passed the released mark just before the release task freed slot 1.
     borrow(*pool, 101, 1, {"lent", "released", "buffers released"});
   });
-  raceClient(*pool, [&] { pool->setPoolReleased(); });
+  spawn("client", [&] { pool->setPoolReleased(); });
+  joinAllAtRest(*pool);
 }
 
 // A resume against the return of a slot held since before the release: it keeps its memory.
 void resumeVsConsumerReturn() {
   SlotPtr reader;
-  auto pool = slotZeroRead(2, &reader);
+  auto pool = slotZeroRead(&reader);
   Hold held(reader);
   pool->setPoolReleased();
   explore::settle();
   spawn("consumer", [&] { held.giveBack(*pool); });
-  raceClient(*pool, [&] { pool->setPoolResume(); });
+  spawn("client", [&] { pool->setPoolResume(); });
+  joinAllAtRest(*pool);
 }
 
-// A resume against a consumer quoting a frame from before the release.
+// A resume against a consumer quoting a frame from before the release, which may be lent on the
+// slot's fresh memory.
 void resumeVsStaleConsumer() {
   auto pool = newPool(2);
   produce(*pool, 100);
   pool->setPoolReleased();
   explore::settle();
-  // A frame from before the release may be lent on the slot's fresh memory.
   spawn("consumer", [&] { borrow(*pool, 100, 0, {"lent", "released"}); });
-  raceClient(*pool, [&] { pool->setPoolResume(); });
+  spawn("client", [&] { pool->setPoolResume(); });
+  joinAllAtRest(*pool);
 }
 
-// A growth of the rotation against a release: the grown slot gets no memory in a released pool.
-void growthVsRelease() {
+// A growth of the rotation against a release, and a resume if `resume`: the grown slot gets no
+// memory in a released pool, and is allocated once.
+void growthVsRelease(bool resume) {
   SlotPtr reader;
-  auto pool = slotZeroRead(2, &reader);
-  spawn("producer", [&] {
-    expect("a frame", produce(*pool, 102), {"held by consumers", "released"});
-  });
-  spawn("client", [&] { pool->setPoolReleased(); });
-  explore::joinAll();
-  pool->setConsumerBuffer(reader);
-  checkAtRest(*pool);
-}
-
-// A growth against a release and a resume: the grown slot is allocated once.
-void growthVsReleaseAndResume() {
-  SlotPtr reader;
-  auto pool = slotZeroRead(2, &reader);
-  spawn("producer", [&] {
-    expect("a frame", produce(*pool, 102), {"held by consumers", "released"});
-  });
+  auto pool = slotZeroRead(&reader);
+  spawn("producer", [&] { frame(*pool, 102, {"held by consumers", "released"}); });
   spawn("client", [&] {
     pool->setPoolReleased();
-    pool->setPoolResume();
+    if (resume) {
+      pool->setPoolResume();
+    }
   });
   explore::joinAll();
   pool->setConsumerBuffer(reader);
@@ -326,7 +293,7 @@ void growthVsReleaseAndResume() {
 // The producer takes the newest slot while slot 0's consumer returns it.
 void growthAtLastSlotVsSlot0Return() {
   SlotPtr reader;
-  auto pool = slotZeroRead(2, &reader);
+  auto pool = slotZeroRead(&reader);
   // Slot 0 is busy: the rotation grows by slot 2, and the producer goes round to it.
   produce(*pool, 102);
   explore::settle();
@@ -334,39 +301,41 @@ void growthAtLastSlotVsSlot0Return() {
   produce(*pool, 102);
   produce(*pool, 103);
   Hold held(pool->getConsumerBuffer(102, 0));
-  spawn("producer", [&] { expect("a frame", produce(*pool, 104), {"0"}); });
+  spawn("producer", [&] { frame(*pool, 104, {"0"}); });
   spawn("consumer", [&] { held.giveBack(*pool); });
-  explore::joinAll();
-  checkAtRest(*pool);
+  joinAllAtRest(*pool);
 }
 
 // The pool's last reference dropped while a growth is queued.
 void lastReferenceVsQueuedGrowth() {
   SlotPtr reader;
-  auto pool = slotZeroRead(2, &reader);
-  std::shared_ptr<Pool> producerRef = pool;
-  std::shared_ptr<Pool> clientRef = std::move(pool);
+  std::shared_ptr<Pool> producerRef = slotZeroRead(&reader);
+  std::shared_ptr<Pool> clientRef = producerRef;
   spawn("producer", [&] {
-    expect("a frame", produce(*producerRef, 102), {"held by consumers"});
+    frame(*producerRef, 102, {"held by consumers"});
     producerRef.reset();
   });
   spawn("client", [&] { clientRef.reset(); });
   explore::joinAll();
   // The pool freed the held slot's buffers as it went; the slot object lives on.
   check(buffersOf(reader).empty(), "a held slot keeps buffers after the pool went");
-  checkGone();
+}
+
+// A manager's pool of two slots.
+std::shared_ptr<Pool> managedPool(GainMapBufPoolMgrImp& manager) {
+  manager.createPool(params(2), false);
+  explore::settle();
+  return std::static_pointer_cast<Pool>(manager.getPool(kSensor));
 }
 
 // createPool replaces a pool whose producer is still lending.
 void createPoolReplacingALendingPool() {
   auto manager = std::make_shared<GainMapBufPoolMgrImp>();
-  manager->createPool(params(2), false);
-  explore::settle();
-  auto old = std::static_pointer_cast<Pool>(manager->getPool(kSensor));
+  auto old = managedPool(*manager);
   SlotPtr writing = old->getProducerBuffer();
   spawn("producer", [&] {
-    expect("setProducerBuffer", outcome(old->setProducerBuffer(100, 1, writing)), {"0"});
-    expect("a frame", produce(*old, 101), {"0"});
+    handBack(*old, 100, 1, writing);
+    frame(*old, 101, {"0"});
     old.reset();
   });
   spawn("client",
@@ -381,9 +350,7 @@ void createPoolReplacingALendingPool() {
 // destroyAllPools while a consumer holds a slot and returns it.
 void destroyAllPoolsWhileASlotIsHeld() {
   auto manager = std::make_shared<GainMapBufPoolMgrImp>();
-  manager->createPool(params(2), false);
-  explore::settle();
-  auto pool = std::static_pointer_cast<Pool>(manager->getPool(kSensor));
+  auto pool = managedPool(*manager);
   produce(*pool, 100);
   Hold held(pool->getConsumerBuffer(100, 0));
   spawn("consumer", [&] {
@@ -394,7 +361,6 @@ void destroyAllPoolsWhileASlotIsHeld() {
         [&] { expect("destroyAllPools", outcome(manager->destroyAllPools(kUniKey)), {"0"}); });
   explore::joinAll();
   check(manager->getPool(kSensor) == nullptr, "getPool finds a destroyed pool");
-  checkGone();
 }
 
 // A release and resume against a holder of a multi-mode slot.
@@ -416,12 +382,9 @@ void resumeVsMultiModeHolder() {
             "a multi-mode slot changed under its holder");
     }
   });
-  spawn("client", [&] {
-    pool->setPoolReleased();
-    pool->setPoolResume();
-  });
+  spawn("client", [&] { releaseAndResume(*pool); });
   explore::joinAll();
-  expect("setProducerBuffer", outcome(pool->setProducerBuffer(5, 0, writing)), {"0"});
+  handBack(*pool, 5, 0, writing);
   // Locked buffers are dropped twice by design: the resume made the held slot a heap and dropped
   // its buffers of both modes, keeping the holder's; and the destructor leaves a multi-mode
   // slot's buffers to go with the slot object.
@@ -432,12 +395,19 @@ void resumeVsMultiModeHolder() {
 void framesFlowWhileReleasedAndResumed() {
   auto pool = newPool(2);
   produce(*pool, 100);
-  spawn("producer", [&] { expect("a frame", produce(*pool, 101), {"0", "released"}); });
+  spawn("producer", [&] { frame(*pool, 101, {"0", "released"}); });
   spawn("consumer", [&] { borrow(*pool, 100, 0, {"lent", "released", "buffers released"}); });
-  raceClient(*pool, [&] {
-    pool->setPoolReleased();
-    pool->setPoolResume();
-  });
+  spawn("client", [&] { releaseAndResume(*pool); });
+  joinAllAtRest(*pool);
+}
+
+// Every scenario ends with its pools gone and their memory with them.
+explore::Scenario scenario(std::string name, int bound, std::function<void()> body) {
+  return {std::move(name), bound, [body = std::move(body)] {
+            base = qelcam::host::heapStats();
+            body();
+            checkGone();
+          }};
 }
 
 std::vector<explore::Scenario> scenarios() {
@@ -447,8 +417,8 @@ std::vector<explore::Scenario> scenarios() {
       scenario("release-vs-consumer", 2, releaseVsConsumer),
       scenario("resume-vs-consumer-return", 2, resumeVsConsumerReturn),
       scenario("resume-vs-stale-consumer", 2, resumeVsStaleConsumer),
-      scenario("growth-vs-release", 2, growthVsRelease),
-      scenario("growth-vs-release-and-resume", 2, growthVsReleaseAndResume),
+      scenario("growth-vs-release", 2, [] { growthVsRelease(false); }),
+      scenario("growth-vs-release-and-resume", 2, [] { growthVsRelease(true); }),
       scenario("growth-at-last-slot-vs-slot-0-return", 2, growthAtLastSlotVsSlot0Return),
       scenario("last-reference-vs-queued-growth", 2, lastReferenceVsQueuedGrowth),
       scenario("create-pool-replacing-a-lending-pool", 2, createPoolReplacingALendingPool),

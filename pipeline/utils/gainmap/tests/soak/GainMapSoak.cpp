@@ -12,15 +12,19 @@
 // everything posted since, so a frame that started after `done` reached n and was checked before
 // `requested` passed n crossed no release task.
 
+#include <algorithm>
+#include <array>
 #include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <functional>
 #include <future>
 #include <memory>
 #include <mutex>
 #include <random>
+#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -36,53 +40,37 @@ namespace framepattern = qelcam::framepattern;
 using NSCam::MSize;
 using NSCam::v3::Utils::IGainMapBufPool;
 using NSCam::v3::Utils::IGainMapBufPoolManager;
+using PoolParameters = IGainMapBufPoolManager::PoolParameters;
 using Buffers = std::vector<std::shared_ptr<qcam::IImageBuffer>>;
 using Clock = std::chrono::steady_clock;
 
-struct SensorSetup {
-  IGainMapBufPoolManager::PoolParameters params;
-  bool lagging;
+// The soak's counts, each printed as one row; byte mismatches to refused returns are faults.
+enum Count {
+  FramesProduced,
+  FramesChecked,
+  StaleKeyFrames,
+  ByteMismatches,
+  FramesLost,
+  SlotsWithoutBuffers,
+  BuffersTakenFromHolders,
+  RefusedReturns,
+  Releases,
+  Replacements,
+  Destructions,
+  kCounts
 };
-
-// Small gain maps (16, 32 and 10 rows) so that every byte is written and checked.
-std::vector<SensorSetup> sensorSetups() {
-  std::vector<SensorSetup> setups(3);
-  setups[0].params.sensorId = 0;
-  setups[0].params.sensorSizes = {{0, MSize(5760, 160)}};
-  setups[0].params.batchSize = 2;
-  setups[0].params.slotCount = 3;
-  setups[0].params.uniKey = 40;
-  setups[0].lagging = false;
-  setups[1].params.sensorId = 1;
-  setups[1].params.sensorSizes = {{0, MSize(5760, 320)}};
-  setups[1].params.batchSize = 1;
-  setups[1].params.slotCount = 2;
-  setups[1].params.uniKey = 40;
-  setups[1].lagging = true;
-  // Several modes: the batch lives per sensor size, `buffers` stays empty.
-  setups[2].params.sensorId = 2;
-  setups[2].params.sensorSizes = {
-      {0, MSize(5760, 160)}, {1, MSize(5760, 90)}, {2, MSize(2880, 80)}};
-  setups[2].params.batchSize = 2;
-  setups[2].params.slotCount = 3;
-  setups[2].params.uniKey = 41;
-  setups[2].lagging = false;
-  return setups;
-}
-
-struct Counters {
-  std::atomic<uint64_t> framesProduced{0};
-  std::atomic<uint64_t> framesChecked{0};
-  std::atomic<uint64_t> staleKeyFrames{0};
-  std::atomic<uint64_t> byteMismatches{0};
-  std::atomic<uint64_t> framesLost{0};
-  std::atomic<uint64_t> slotsWithoutBuffers{0};
-  std::atomic<uint64_t> buffersTakenFromHolders{0};
-  std::atomic<uint64_t> refusedReturns{0};
-  std::atomic<uint64_t> releases{0};
-  std::atomic<uint64_t> replacements{0};
-  std::atomic<uint64_t> destructions{0};
-};
+constexpr char const* kLabels[kCounts] = {"frames produced",
+                                          "frames checked by consumers",
+                                          "frames crossing a release (stale key)",
+                                          "byte mismatches",
+                                          "frames lost",
+                                          "single-mode slots without buffers",
+                                          "buffers taken from a holder",
+                                          "-22 on legitimate returns",
+                                          "releases",
+                                          "replacements",
+                                          "destructions"};
+using Counters = std::array<std::atomic<uint64_t>, kCounts>;
 
 // A frame as the producer announces it; it keeps its pool alive until the last consumer is done.
 struct Frame {
@@ -95,8 +83,8 @@ struct Frame {
 };
 
 struct Sensor {
-  SensorSetup setup;
-  bool singleMode = true;
+  PoolParameters params;
+  bool lagging;
   // Releases of this sensor's pool: counted before releasePool, and once its task has surely run.
   std::atomic<uint64_t> releasesRequested{0};
   std::atomic<uint64_t> releasesDone{0};
@@ -106,7 +94,9 @@ struct Sensor {
   // that consumers hold slots the producer comes back to.
   std::vector<std::atomic<uint64_t>> tried;
 
-  explicit Sensor(size_t consumers) : tried(consumers) {}
+  Sensor(PoolParameters p, bool lags, size_t consumers)
+      : params(std::move(p)), lagging(lags), tried(consumers) {}
+  bool singleMode() const { return params.sensorSizes.size() == 1; }
 };
 
 uint8_t* bytesOf(std::shared_ptr<qcam::IImageBuffer> const& buffer) {
@@ -118,15 +108,10 @@ void writeFrame(std::shared_ptr<qcam::IImageBuffer> const& buffer, long key, siz
                       framepattern::seedOf(key, b, 0));
 }
 
-enum class Content { Intact, AllZero, Other };
-
-Content contentOf(std::shared_ptr<qcam::IImageBuffer> const& buffer, long key, size_t b) {
-  uint8_t const* bytes = bytesOf(buffer);
-  size_t const size = buffer->getBufSizeInBytes(0);
-  if (framepattern::matches(bytes, size, framepattern::seedOf(key, b, 0))) {
-    return Content::Intact;
-  }
-  return framepattern::allZero(bytes, size) ? Content::AllZero : Content::Other;
+bool allHaveMemory(Buffers const& buffers) {
+  return std::all_of(buffers.begin(), buffers.end(), [](auto const& buffer) {
+    return bytesOf(buffer) != nullptr && buffer->getBufSizeInBytes(0) != 0;
+  });
 }
 
 class Soak {
@@ -137,12 +122,16 @@ class Soak {
              std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(seconds))),
         mSeed(seed),
         mConsumers(consumers) {
-    for (SensorSetup const& setup : sensorSetups()) {
-      auto sensor = std::make_unique<Sensor>(consumers);
-      sensor->setup = setup;
-      sensor->singleMode = setup.params.sensorSizes.size() == 1;
-      mSensors.push_back(std::move(sensor));
-    }
+    // Small gain maps (16, 32 and 10 rows) so that every byte is written and checked. Sensor 2
+    // has several modes: the batch lives per sensor size, `buffers` stays empty.
+    mSensors.push_back(std::make_unique<Sensor>(
+        PoolParameters{0, {{0, MSize(5760, 160)}}, 2, 3, 40}, false, consumers));
+    mSensors.push_back(std::make_unique<Sensor>(
+        PoolParameters{1, {{0, MSize(5760, 320)}}, 1, 2, 40}, true, consumers));
+    mSensors.push_back(std::make_unique<Sensor>(
+        PoolParameters{
+            2, {{0, MSize(5760, 160)}, {1, MSize(5760, 90)}, {2, MSize(2880, 80)}}, 2, 3, 41},
+        false, consumers));
   }
 
   void run() {
@@ -163,30 +152,27 @@ class Soak {
     for (auto& sensor : mSensors) {
       std::lock_guard<std::mutex> lock(sensor->latestLock);
       sensor->latest = Frame();
-    }
-    for (auto& sensor : mSensors) {
-      mManager->destroyAllPools(sensor->setup.params.uniKey);
+      mManager->destroyAllPools(sensor->params.uniKey);
     }
     qelcam::host::waitQueuesIdle();
   }
 
-  Counters const& counters() const { return mCounters; }
+  uint64_t count(Count c) const { return mCounts[c].load(); }
 
  private:
   bool running() const { return Clock::now() < mEnd; }
 
   void create(Sensor& sensor) {
-    mManager->createPool(sensor.setup.params, sensor.setup.lagging);
-    if (sensor.setup.lagging) {
-      mManager->resumePool(sensor.setup.params.sensorId);
+    mManager->createPool(sensor.params, sensor.lagging);
+    if (sensor.lagging) {
+      mManager->resumePool(sensor.params.sensorId);
     }
   }
 
   void produce(Sensor& sensor) {
-    int const sensorId = sensor.setup.params.sensorId;
     while (running()) {
       uint64_t const doneAtStart = sensor.releasesDone.load();
-      std::shared_ptr<IGainMapBufPool> pool = mManager->getPool(sensorId);
+      std::shared_ptr<IGainMapBufPool> pool = mManager->getPool(sensor.params.sensorId);
       std::shared_ptr<IGainMapBufPool::BufSlot> slot = pool ? pool->getProducerBuffer() : nullptr;
       if (!slot) {
         std::this_thread::yield();
@@ -194,29 +180,25 @@ class Soak {
       }
       long const key = mNextKey.fetch_add(1);
       size_t written = 0;
-      if (sensor.singleMode) {
-        Buffers const buffers = slot->buffers;
-        if (buffers.empty() || !allHaveMemory(buffers)) {
-          ++mCounters.slotsWithoutBuffers;
-        } else {
-          for (size_t b = 0; b < buffers.size(); ++b) {
-            writeFrame(buffers[b], key, b);
-          }
-          written = buffers.size();
-        }
-      } else {
+      if (!sensor.singleMode()) {
         // The frame's gain map goes into the view of its sensor size; consumers cannot borrow
         // such slots (their `buffers` is empty), so the producer is the only reader here.
         writeSizeViews(*slot, key);
         std::this_thread::yield();
+      } else if (Buffers const buffers = slot->buffers;
+                 buffers.empty() || !allHaveMemory(buffers)) {
+        ++mCounts[SlotsWithoutBuffers];
+      } else {
+        for (written = 0; written < buffers.size(); ++written) {
+          writeFrame(buffers[written], key, written);
+        }
       }
-      int const status = pool->setProducerBuffer(key, static_cast<int>(written), slot);
-      if (status != 0) {
-        ++mCounters.refusedReturns;
+      if (pool->setProducerBuffer(key, static_cast<int>(written), slot) != 0) {
+        ++mCounts[RefusedReturns];
         continue;
       }
-      ++mCounters.framesProduced;
-      if (sensor.singleMode && written > 0) {
+      ++mCounts[FramesProduced];
+      if (written > 0) {
         uint64_t serial = 0;
         {
           std::lock_guard<std::mutex> lock(sensor.latestLock);
@@ -231,24 +213,12 @@ class Soak {
   // Paces the producer, never decides anything: it goes on after a bounded number of turns.
   void waitForConsumers(Sensor& sensor, uint64_t serial) {
     for (int turn = 0; turn < 2000 && running(); ++turn) {
-      bool all = true;
-      for (auto const& tried : sensor.tried) {
-        all = all && tried.load() >= serial;
-      }
-      if (all) {
+      if (std::all_of(sensor.tried.begin(), sensor.tried.end(),
+                      [serial](auto const& tried) { return tried.load() >= serial; })) {
         return;
       }
       std::this_thread::yield();
     }
-  }
-
-  static bool allHaveMemory(Buffers const& buffers) {
-    for (auto const& buffer : buffers) {
-      if (bytesOf(buffer) == nullptr || buffer->getBufSizeInBytes(0) == 0) {
-        return false;
-      }
-    }
-    return true;
   }
 
   void writeSizeViews(IGainMapBufPool::BufSlot& slot, long key) {
@@ -292,109 +262,89 @@ class Soak {
       check(sensor, frame, buffers);
       // Nothing may take the memory away from a consumer that holds the slot.
       if (slot->buffers != buffers) {
-        ++mCounters.buffersTakenFromHolders;
+        ++mCounts[BuffersTakenFromHolders];
       }
       if (frame.pool->setConsumerBuffer(slot) != 0) {
-        ++mCounters.refusedReturns;
+        ++mCounts[RefusedReturns];
       }
     }
   }
 
   void check(Sensor& sensor, Frame const& frame, Buffers const& buffers) {
     if (buffers.size() < frame.written || !allHaveMemory(buffers)) {
-      ++mCounters.slotsWithoutBuffers;
+      ++mCounts[SlotsWithoutBuffers];
       return;
     }
     bool zero = false;
     bool other = false;
     for (size_t b = 0; b < frame.written; ++b) {
-      Content const content = contentOf(buffers[b], frame.key, b);
-      zero = zero || content == Content::AllZero;
-      other = other || content == Content::Other;
+      uint8_t const* bytes = bytesOf(buffers[b]);
+      size_t const size = buffers[b]->getBufSizeInBytes(0);
+      if (!framepattern::matches(bytes, size, framepattern::seedOf(frame.key, b, 0))) {
+        bool const allZero = framepattern::allZero(bytes, size);
+        zero = zero || allZero;
+        other = other || !allZero;
+      }
     }
-    ++mCounters.framesChecked;
+    ++mCounts[FramesChecked];
     if (other) {
-      ++mCounters.byteMismatches;
+      ++mCounts[ByteMismatches];
     } else if (zero) {
       // Fresh memory under the frame's key: only a release task in between explains it.
-      if (sensor.releasesRequested.load() > frame.releasesDoneAtStart) {
-        ++mCounters.staleKeyFrames;
-      } else {
-        ++mCounters.framesLost;
-      }
+      bool const crossed = sensor.releasesRequested.load() > frame.releasesDoneAtStart;
+      ++mCounts[crossed ? StaleKeyFrames : FramesLost];
     }
   }
 
+  // One change at random: a release (two in three followed by a resume), a resume, a
+  // replacement, a destruction of a client's pools, or releases and resumes through the pool.
   void churn() {
     std::minstd_rand random(static_cast<std::minstd_rand::result_type>(mSeed));
     while (running()) {
       Sensor& sensor = *mSensors[random() % mSensors.size()];
-      int const sensorId = sensor.setup.params.sensorId;
-      switch (random() % 9) {
-        case 0:
-        case 1:
-        case 2:
-          release(sensor);
+      int const sensorId = sensor.params.sensorId;
+      auto const pick = random() % 9;
+      if (pick <= 3) {
+        release(sensor, [&] { mManager->releasePool(sensorId); });
+        if (pick < 3) {
           pause(random);
           mManager->resumePool(sensorId);
-          break;
-        case 3:
-          release(sensor);
-          break;
-        case 4:
-          mManager->resumePool(sensorId);
-          break;
-        case 5:
-        case 6:
-          create(sensor);
-          ++mCounters.replacements;
-          break;
-        case 7:
-          destroyAndRecreate(sensor.setup.params.uniKey);
-          break;
-        default:
-          cycleThroughThePool(sensor);
-          break;
+        }
+      } else if (pick == 4) {
+        mManager->resumePool(sensorId);
+      } else if (pick <= 6) {
+        create(sensor);
+        ++mCounts[Replacements];
+      } else if (pick == 7) {
+        // Every pool of the sensor's client goes, then comes back.
+        mManager->destroyAllPools(sensor.params.uniKey);
+        ++mCounts[Destructions];
+        for (auto& other : mSensors) {
+          if (other->params.uniKey == sensor.params.uniKey) {
+            create(*other);
+          }
+        }
+      } else if (std::shared_ptr<IGainMapBufPool> pool = mManager->getPool(sensorId)) {
+        // Back to back through the pool itself, so that the tasks meet lending calls in any order.
+        release(sensor, [&pool] {
+          for (int cycle = 0; cycle < 5; ++cycle) {
+            pool->setPoolReleased();
+            pool->setPoolResume();
+          }
+        });
       }
       pause(random);
     }
   }
 
-  void release(Sensor& sensor) {
+  // Dates the release tasks that `act` posts: requested before, done once the queues have run
+  // everything posted so far.
+  void release(Sensor& sensor, std::function<void()> const& act) {
     ++sensor.releasesRequested;
-    mManager->releasePool(sensor.setup.params.sensorId);
-    // The release task was posted before this returned; once the queues have run everything
-    // posted so far, it has run.
+    act();
     qelcam::host::waitQueuesIdle();
     ++sensor.releasesDone;
-    ++mCounters.releases;
-  }
-
-  // Release and resume back to back through the pool itself, so that the two tasks meet lending
-  // calls in every order.
-  void cycleThroughThePool(Sensor& sensor) {
-    std::shared_ptr<IGainMapBufPool> pool = mManager->getPool(sensor.setup.params.sensorId);
-    if (!pool) {
-      return;
-    }
-    ++sensor.releasesRequested;
-    for (int cycle = 0; cycle < 5; ++cycle) {
-      pool->setPoolReleased();
-      pool->setPoolResume();
-    }
-    qelcam::host::waitQueuesIdle();
-    ++sensor.releasesDone;
-    ++mCounters.releases;
-  }
-
-  void destroyAndRecreate(int uniKey) {
-    mManager->destroyAllPools(uniKey);
-    ++mCounters.destructions;
-    for (auto& sensor : mSensors) {
-      if (sensor->setup.params.uniKey == uniKey) {
-        create(*sensor);
-      }
-    }
+    ++mCounts[Releases];
   }
 
   // Lets the lending threads run a while between two changes.
@@ -408,7 +358,7 @@ class Soak {
   size_t const mConsumers;
   std::vector<std::unique_ptr<Sensor>> mSensors;
   std::atomic<long> mNextKey{1};
-  Counters mCounters;
+  Counters mCounts{};
 };
 
 struct Options {
@@ -420,21 +370,15 @@ struct Options {
 
 bool parseCounts(char const* text, std::vector<size_t>& counts) {
   counts.clear();
-  for (char const* at = text;; ++at) {
+  std::istringstream list(text);
+  for (std::string count; std::getline(list, count, ',');) {
     char* end = nullptr;
-    unsigned long const count = std::strtoul(at, &end, 10);
-    if (end == at || count > 16) {
+    counts.push_back(std::strtoul(count.c_str(), &end, 10));
+    if (count.empty() || *end != '\0' || counts.back() > 16) {
       return false;
     }
-    counts.push_back(count);
-    if (*end == '\0') {
-      return true;
-    }
-    if (*end != ',') {
-      return false;
-    }
-    at = end;
   }
+  return !counts.empty();
 }
 
 bool parse(int argc, char** argv, Options& options) {
@@ -445,15 +389,10 @@ bool parse(int argc, char** argv, Options& options) {
       options.seconds = std::strtod(argv[i + 1], &end);
     } else if (flag == "--seed") {
       options.seed = std::strtoull(argv[i + 1], &end, 0);
-    } else if (flag == "--consumers") {
-      if (!parseCounts(argv[i + 1], options.consumers)) {
-        return false;
-      }
-      continue;
-    } else {
+    } else if (flag != "--consumers" || !parseCounts(argv[i + 1], options.consumers)) {
       return false;
     }
-    if (end == argv[i + 1] || *end != '\0') {
+    if (end != nullptr && (end == argv[i + 1] || *end != '\0')) {
       return false;
     }
   }
@@ -473,40 +412,27 @@ bool round(Options const& options, size_t consumers) {
   }
   finished.get();
   qelcam::host::HeapStats const after = qelcam::host::heapStats();
-  Counters const& c = soak.counters();
-  uint64_t const heapsLeft = after.heapsAlive - before.heapsAlive;
-  uint64_t const bytesLeft = after.bytesAlive - before.bytesAlive;
-  uint64_t const lockedLeft = after.buffersLocked - before.buffersLocked;
-  std::printf(
-      "consumers per sensor                 %zu\n"
-      "frames produced                      %llu\n"
-      "frames checked by consumers          %llu\n"
-      "frames crossing a release (stale key) %llu\n"
-      "releases / replacements / destructions %llu / %llu / %llu\n"
-      "byte mismatches                      %llu\n"
-      "frames lost                          %llu\n"
-      "single-mode slots without buffers    %llu\n"
-      "buffers taken from a holder          %llu\n"
-      "-22 on legitimate returns            %llu\n"
-      "image heaps / bytes / locked buffers left %llu / %llu / %llu\n",
-      consumers, static_cast<unsigned long long>(c.framesProduced.load()),
-      static_cast<unsigned long long>(c.framesChecked.load()),
-      static_cast<unsigned long long>(c.staleKeyFrames.load()),
-      static_cast<unsigned long long>(c.releases.load()),
-      static_cast<unsigned long long>(c.replacements.load()),
-      static_cast<unsigned long long>(c.destructions.load()),
-      static_cast<unsigned long long>(c.byteMismatches.load()),
-      static_cast<unsigned long long>(c.framesLost.load()),
-      static_cast<unsigned long long>(c.slotsWithoutBuffers.load()),
-      static_cast<unsigned long long>(c.buffersTakenFromHolders.load()),
-      static_cast<unsigned long long>(c.refusedReturns.load()),
-      static_cast<unsigned long long>(heapsLeft), static_cast<unsigned long long>(bytesLeft),
-      static_cast<unsigned long long>(lockedLeft));
+  struct Row {
+    char const* label;
+    uint64_t value;
+    bool fault;
+  };
+  std::vector<Row> rows = {{"consumers per sensor", consumers, false}};
+  for (int c = 0; c < kCounts; ++c) {
+    rows.push_back({kLabels[c], soak.count(static_cast<Count>(c)),
+                    c >= ByteMismatches && c <= RefusedReturns});
+  }
+  rows.insert(rows.end(),
+              {{"image heaps left", after.heapsAlive - before.heapsAlive, true},
+               {"image bytes left", after.bytesAlive - before.bytesAlive, true},
+               {"locked buffers left", after.buffersLocked - before.buffersLocked, true}});
+  bool clean = true;
+  for (Row const& row : rows) {
+    std::printf("%-38s %llu\n", row.label, static_cast<unsigned long long>(row.value));
+    clean = clean && !(row.fault && row.value != 0);
+  }
   // Without consumers nothing is checked; a clean round then needs frames produced.
-  uint64_t const evidence = consumers > 0 ? c.framesChecked.load() : c.framesProduced.load();
-  return c.byteMismatches == 0 && c.framesLost == 0 && c.slotsWithoutBuffers == 0 &&
-         c.buffersTakenFromHolders == 0 && c.refusedReturns == 0 && heapsLeft == 0 &&
-         bytesLeft == 0 && lockedLeft == 0 && evidence > 0;
+  return clean && soak.count(consumers > 0 ? FramesChecked : FramesProduced) > 0;
 }
 
 }  // namespace
