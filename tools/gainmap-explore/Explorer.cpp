@@ -680,7 +680,8 @@ int runMain(int argc, char** argv, std::vector<Scenario> const& scenarios) {
   options.showRaces = true;
   int bound = -1;
   std::string only;
-  for (int i = 1; i < argc; ++i) {
+  // Every option but --list takes a value.
+  for (int i = 1; i < argc; i += 2) {
     std::string const arg = argv[i];
     char const* value = i + 1 < argc ? argv[i + 1] : nullptr;
     if (arg == "--list") {
@@ -710,7 +711,6 @@ int runMain(int argc, char** argv, std::vector<Scenario> const& scenarios) {
                    argv[0]);
       return 2;
     }
-    ++i;  // every other option takes a value
   }
   reportCrashes();
   int status = 0;
