@@ -11,192 +11,108 @@ namespace {
 
 using nlohmann::json;
 
+// Walks the events once, in file order, as a trace viewer does. Open slices and async spans are
+// stacks of (name, begin time) under their key.
 class Checker {
  public:
   explicit Checker(std::vector<std::string>& problems) : mProblems(problems) {}
 
   void check(json const& events) {
     for (size_t i = 0; i < events.size(); ++i) {
-      mWhere = "event " + std::to_string(i);
+      bool const named = events[i].is_object() && events[i].contains("name");
+      mWhere = "event " + std::to_string(i) + (named ? " " + events[i]["name"].dump() : "");
       checkEvent(events[i]);
     }
-    for (auto const& [thread, open] : mSlices) {
-      for (auto const& slice : open) {
-        problem("thread " + std::to_string(thread.second) + ": slice '" + slice.first +
-                "' never ends");
-      }
-    }
-    for (auto const& [span, open] : mSpans) {
-      for (auto const& name : open) {
-        problem("async span '" + name + "' (" + span.first + ", " + span.second + ") never ends");
+    for (auto const& [key, open] : mOpen) {
+      for (auto const& begun : open) {
+        mProblems.push_back(key + ": '" + begun.first + "' never ends");
       }
     }
   }
 
  private:
-  using Thread = std::pair<int64_t, int64_t>;
-  using Span = std::pair<std::string, std::string>;
+  void problem(std::string const& text) { mProblems.push_back(mWhere + ": " + text); }
 
-  void problem(std::string const& text) { mProblems.push_back(text); }
-
-  bool require(json const& event, char const* field, bool (json::*is)() const noexcept,
-               char const* what) {
+  bool has(json const& event, char const* field, bool (json::*is)() const noexcept) {
     auto it = event.find(field);
     if (it == event.end() || !((*it).*is)()) {
-      problem(mWhere + ": '" + field + "' missing or not " + what);
+      problem(std::string("'") + field + "' missing or not of its type");
       return false;
     }
     return true;
   }
 
   void checkEvent(json const& event) {
-    if (!event.is_object()) {
-      problem(mWhere + ": not an object");
-      return;
-    }
-    if (!require(event, "ph", &json::is_string, "a string") ||
+    if (!event.is_object() || !has(event, "ph", &json::is_string) ||
         event["ph"].get<std::string>().size() != 1) {
-      problem(mWhere + ": bad phase");
+      problem("not an event with a one-letter phase");
       return;
     }
     char const phase = event["ph"].get<std::string>()[0];
-    bool ok = require(event, "pid", &json::is_number_integer, "an integer") &&
-              require(event, "tid", &json::is_number_integer, "an integer") &&
-              require(event, "ts", &json::is_number, "a number");
-    if (event.contains("args") && !event["args"].is_object()) {
-      problem(mWhere + ": 'args' is not an object");
-      ok = false;
-    }
-    if (phase != 'E' && !require(event, "name", &json::is_string, "a string")) {
-      ok = false;
-    }
-    if (ok) {
-      mWhere += " ('" + event.value("name", std::string()) + "')";
-      checkPhase(phase, event);
-    }
-  }
-
-  void checkPhase(char phase, json const& event) {
-    Thread const thread{event["pid"].get<int64_t>(), event["tid"].get<int64_t>()};
-    double const ts = event["ts"].get<double>();
-    switch (phase) {
-      case 'B':
-        mSlices[thread].emplace_back(event["name"].get<std::string>(), ts);
-        break;
-      case 'E':
-        endSlice(thread, event, ts);
-        break;
-      case 'b':
-      case 'e':
-        if (identified(event)) {
-          async(phase, event);
-        }
-        break;
-      case 's':
-      case 'f':
-        if (identified(event)) {
-          flow(phase, event);
-        }
-        break;
-      case 'C':
-        counter(event);
-        break;
-      case 'i':
-      case 'I':
-        if (event.contains("s") && (!event["s"].is_string() ||
-                                    std::set<std::string>{"t", "p", "g"}.count(event["s"]) == 0)) {
-          problem(mWhere + ": instant scope is not t, p or g");
-        }
-        break;
-      case 'M':
-        metadata(event);
-        break;
-      default:
-        problem(mWhere + ": unknown phase '" + std::string(1, phase) + "'");
-    }
-  }
-
-  void endSlice(Thread const& thread, json const& event, double ts) {
-    auto& open = mSlices[thread];
-    if (open.empty()) {
-      problem(mWhere + ": end without a begin on its thread");
+    if (!has(event, "pid", &json::is_number_integer) ||
+        !has(event, "tid", &json::is_number_integer) || !has(event, "ts", &json::is_number) ||
+        ((phase != 'E' || event.contains("name")) && !has(event, "name", &json::is_string)) ||
+        (event.contains("args") && !has(event, "args", &json::is_object))) {
       return;
     }
-    if (event.contains("name") && event["name"] != open.back().first) {
-      problem(mWhere + ": ends '" + open.back().first + "', which is not the innermost slice");
+    std::string const name = event.value("name", "");
+    double const ts = event["ts"].get<double>();
+    json const args = event.value("args", json::object());
+    // Slices stack per thread; async spans and flows are keyed by category and id.
+    std::string key = "thread " + event["pid"].dump() + "/" + event["tid"].dump();
+    if (std::string("besf").find(phase) != std::string::npos) {
+      if (!has(event, "cat", &json::is_string) || !has(event, "id", &json::is_primitive)) {
+        return;
+      }
+      key = "async span " + event["cat"].dump() + " " + event["id"].dump();
+    }
+    if (phase == 'B' || phase == 'b') {
+      mOpen[key].emplace_back(name, ts);
+    } else if (phase == 'E' || phase == 'e') {
+      end(mOpen[key], name, ts);
+    } else if (phase == 's') {
+      mFlowsStarted.insert(key);
+    } else if (phase == 'f') {
+      if (mFlowsStarted.count(key) == 0 || !mFlowsEnded.insert(key).second) {
+        problem("flow end without a start, or ended twice");
+      }
+    } else if (phase == 'C') {
+      for (auto const& [series, value] : args.items()) {
+        if (!value.is_number()) {
+          problem("counter series '" + series + "' is not a number");
+        }
+      }
+      if (args.empty()) {
+        problem("counter without values");
+      }
+    } else if (phase == 'M' && name.find("_name") != std::string::npos &&
+               !args.value("name", json()).is_string()) {
+      problem("a name record without args.name");
+    } else if (phase != 'M' && phase != 'i' && phase != 'I') {
+      problem(std::string("unknown phase '") + phase + "'");
+    }
+  }
+
+  // Ends the innermost of `open`; an end without a name ends whatever is innermost.
+  void end(std::vector<std::pair<std::string, double>>& open, std::string const& name, double ts) {
+    if (open.empty()) {
+      problem("end without a begin");
+      return;
+    }
+    if (!name.empty() && name != open.back().first) {
+      problem("ends '" + name + "', but '" + open.back().first + "' is the innermost");
     }
     if (ts < open.back().second) {
-      problem(mWhere + ": ends before it begins");
+      problem("ends before it begins");
     }
     open.pop_back();
   }
 
-  bool identified(json const& event) {
-    bool ok = require(event, "cat", &json::is_string, "a string");
-    if (!event.contains("id") || !(event["id"].is_string() || event["id"].is_number_integer())) {
-      problem(mWhere + ": 'id' missing or neither a string nor an integer");
-      ok = false;
-    }
-    return ok;
-  }
-
-  static Span spanOf(json const& event) {
-    return {event["cat"].get<std::string>(), event["id"].dump()};
-  }
-
-  void async(char phase, json const& event) {
-    auto& open = mSpans[spanOf(event)];
-    std::string const name = event["name"].get<std::string>();
-    if (phase == 'b') {
-      open.push_back(name);
-    } else if (open.empty() || open.back() != name) {
-      problem(mWhere + ": async end without a matching open span");
-    } else {
-      open.pop_back();
-    }
-  }
-
-  void flow(char phase, json const& event) {
-    Span const span = spanOf(event);
-    if (phase == 's') {
-      mFlowsStarted.insert(span);
-    } else if (mFlowsStarted.count(span) == 0) {
-      problem(mWhere + ": flow end without a start");
-    } else if (!mFlowsEnded.insert(span).second) {
-      problem(mWhere + ": flow ended twice");
-    }
-  }
-
-  void counter(json const& event) {
-    if (!event.contains("args") || event["args"].empty()) {
-      problem(mWhere + ": counter without values");
-      return;
-    }
-    for (auto const& [series, value] : event["args"].items()) {
-      if (!value.is_number()) {
-        problem(mWhere + ": counter series '" + series + "' is not a number");
-      }
-    }
-  }
-
-  void metadata(json const& event) {
-    static std::set<std::string> const kNames = {"process_name", "thread_name",
-                                                 "process_sort_index", "thread_sort_index"};
-    if (kNames.count(event["name"]) == 0) {
-      problem(mWhere + ": unknown metadata");
-    } else if (event["name"].get<std::string>().find("_name") != std::string::npos &&
-               !(event.contains("args") && event["args"].contains("name") &&
-                 event["args"]["name"].is_string())) {
-      problem(mWhere + ": a name record without args.name");
-    }
-  }
-
   std::vector<std::string>& mProblems;
   std::string mWhere;
-  std::map<Thread, std::vector<std::pair<std::string, double>>> mSlices;
-  std::map<Span, std::vector<std::string>> mSpans;
-  std::set<Span> mFlowsStarted;
-  std::set<Span> mFlowsEnded;
+  std::map<std::string, std::vector<std::pair<std::string, double>>> mOpen;
+  std::set<std::string> mFlowsStarted;
+  std::set<std::string> mFlowsEnded;
 };
 
 }  // namespace
@@ -212,21 +128,14 @@ std::string TraceCheck::problemText() const {
 TraceCheck checkChromeTrace(std::string const& path) {
   TraceCheck result;
   std::ifstream in(path);
-  if (!in) {
-    result.problems.push_back(path + ": cannot be read");
-    return result;
-  }
   result.trace = json::parse(in, nullptr, false);
   if (result.trace.is_discarded()) {
-    result.problems.push_back(path + ": not well-formed JSON");
-    return result;
-  }
-  if (!result.trace.is_object() || !result.trace.contains("traceEvents") ||
-      !result.trace["traceEvents"].is_array()) {
+    result.problems.push_back(path + ": unreadable or not well-formed JSON");
+  } else if (!result.trace.is_object() || !result.trace.value("traceEvents", json()).is_array()) {
     result.problems.push_back(path + ": not an object with a 'traceEvents' array");
-    return result;
+  } else {
+    Checker(result.problems).check(result.trace["traceEvents"]);
   }
-  Checker(result.problems).check(result.trace["traceEvents"]);
   return result;
 }
 
