@@ -2,7 +2,6 @@
 
 #include <fstream>
 #include <map>
-#include <set>
 #include <utility>
 
 namespace qelcam {
@@ -11,16 +10,26 @@ namespace {
 
 using nlohmann::json;
 
-// Walks the events once, in file order, as a trace viewer does. Open slices and async spans are
-// stacks of (name, begin time) under their key.
+struct Field {
+  char const* name;
+  bool (json::*is)() const noexcept;
+  std::string phases;  // the phases that need it
+};
+Field const kFields[] = {{"pid", &json::is_number_integer, "BEbesfCMiI"},
+                         {"tid", &json::is_number_integer, "BEbesfCMiI"},
+                         {"ts", &json::is_number, "BEbesfCMiI"},
+                         {"name", &json::is_string, "BbesfCMiI"},
+                         {"cat", &json::is_string, "besf"},
+                         {"id", &json::is_primitive, "besf"}};
+
+// Walks the events once, in file order, as a trace viewer does.
 class Checker {
  public:
   explicit Checker(std::vector<std::string>& problems) : mProblems(problems) {}
 
   void check(json const& events) {
     for (size_t i = 0; i < events.size(); ++i) {
-      bool const named = events[i].is_object() && events[i].contains("name");
-      mWhere = "event " + std::to_string(i) + (named ? " " + events[i]["name"].dump() : "");
+      mWhere = "event " + std::to_string(i) + " " + events[i].dump();
       checkEvent(events[i]);
     }
     for (auto const& [key, open] : mOpen) {
@@ -33,50 +42,45 @@ class Checker {
  private:
   void problem(std::string const& text) { mProblems.push_back(mWhere + ": " + text); }
 
-  bool has(json const& event, char const* field, bool (json::*is)() const noexcept) {
-    auto it = event.find(field);
-    if (it == event.end() || !((*it).*is)()) {
-      problem(std::string("'") + field + "' missing or not of its type");
-      return false;
-    }
-    return true;
-  }
-
   void checkEvent(json const& event) {
-    if (!event.is_object() || !has(event, "ph", &json::is_string) ||
-        event["ph"].get<std::string>().size() != 1) {
-      problem("not an event with a one-letter phase");
+    std::string const phase = event.is_object() ? event.value("ph", json()).dump() : "";
+    if (phase.size() != 3 || kFields[0].phases.find(phase[1]) == std::string::npos) {
+      problem("unknown phase " + phase);
       return;
     }
-    char const phase = event["ph"].get<std::string>()[0];
-    if (!has(event, "pid", &json::is_number_integer) ||
-        !has(event, "tid", &json::is_number_integer) || !has(event, "ts", &json::is_number) ||
-        ((phase != 'E' || event.contains("name")) && !has(event, "name", &json::is_string)) ||
-        (event.contains("args") && !has(event, "args", &json::is_object))) {
+    bool wellFormed = true;
+    if (!event.value("args", json::object()).is_object()) {
+      problem("'args' is not an object");
+      wellFormed = false;
+    }
+    for (auto const& field : kFields) {
+      auto it = event.find(field.name);
+      if (field.phases.find(phase[1]) != std::string::npos &&
+          (it == event.end() || !((*it).*field.is)())) {
+        problem(std::string("'") + field.name + "' missing or not of its type");
+        wellFormed = false;
+      }
+    }
+    if (!wellFormed) {
       return;
     }
     std::string const name = event.value("name", "");
     double const ts = event["ts"].get<double>();
     json const args = event.value("args", json::object());
     // Slices stack per thread; async spans and flows are keyed by category and id.
-    std::string key = "thread " + event["pid"].dump() + "/" + event["tid"].dump();
-    if (std::string("besf").find(phase) != std::string::npos) {
-      if (!has(event, "cat", &json::is_string) || !has(event, "id", &json::is_primitive)) {
-        return;
-      }
-      key = "async span " + event["cat"].dump() + " " + event["id"].dump();
-    }
-    if (phase == 'B' || phase == 'b') {
+    std::string const key =
+        std::string("BE").find(phase[1]) != std::string::npos
+            ? "thread " + event["pid"].dump() + "/" + event["tid"].dump()
+            : "span " + event.value("cat", "") + " " + event.value("id", json()).dump();
+    if (phase[1] == 'B' || phase[1] == 'b') {
       mOpen[key].emplace_back(name, ts);
-    } else if (phase == 'E' || phase == 'e') {
+    } else if (phase[1] == 'E' || phase[1] == 'e') {
       end(mOpen[key], name, ts);
-    } else if (phase == 's') {
-      mFlowsStarted.insert(key);
-    } else if (phase == 'f') {
-      if (mFlowsStarted.count(key) == 0 || !mFlowsEnded.insert(key).second) {
-        problem("flow end without a start, or ended twice");
-      }
-    } else if (phase == 'C') {
+    } else if (phase[1] == 's') {
+      mFlows[key] = 1;
+    } else if (phase[1] == 'f' && mFlows[key]++ != 1) {
+      problem("flow end without a start, or ended twice");
+    } else if (phase[1] == 'C') {
       for (auto const& [series, value] : args.items()) {
         if (!value.is_number()) {
           problem("counter series '" + series + "' is not a number");
@@ -85,11 +89,9 @@ class Checker {
       if (args.empty()) {
         problem("counter without values");
       }
-    } else if (phase == 'M' && name.find("_name") != std::string::npos &&
+    } else if (phase[1] == 'M' && name.find("_name") != std::string::npos &&
                !args.value("name", json()).is_string()) {
       problem("a name record without args.name");
-    } else if (phase != 'M' && phase != 'i' && phase != 'I') {
-      problem(std::string("unknown phase '") + phase + "'");
     }
   }
 
@@ -110,9 +112,8 @@ class Checker {
 
   std::vector<std::string>& mProblems;
   std::string mWhere;
-  std::map<std::string, std::vector<std::pair<std::string, double>>> mOpen;
-  std::set<std::string> mFlowsStarted;
-  std::set<std::string> mFlowsEnded;
+  std::map<std::string, std::vector<std::pair<std::string, double>>> mOpen;  // (name, begin)
+  std::map<std::string, int> mFlows;  // 1 started, more ended
 };
 
 }  // namespace

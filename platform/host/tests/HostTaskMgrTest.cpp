@@ -50,27 +50,6 @@ TEST(HostTaskQueue, ABarrierIsReadyOnlyAfterEveryEarlierTaskOnAThreadNamedAfterI
   EXPECT_EQ(ran, (std::vector<std::string>{"a", "b", "c", "GMP_0"}));
 }
 
-TEST(HostTaskQueue, DroppingTheLastReferenceFinishesWhatWasPostedEvenOnTheQueuesOwnThread) {
-  int ran = 0;
-  auto queue = makeQueue("drain");
-  for (int n = 0; n < 100; ++n) {
-    CentralTaskMgr::asyncPost(queue, 1, [&ran] { ++ran; });
-  }
-  queue.reset();
-  EXPECT_EQ(ran, 100);
-
-  // The first task's callable holds the last reference, so the queue goes on its own thread when
-  // that callable goes; the task posted after it still runs.
-  queue = makeQueue("self-drop");
-  qelcam::host::holdQueues();
-  CentralTaskMgr::asyncPost(queue, 1, [keep = queue] {});
-  auto later = postStep(queue, [&ran] { ++ran; });
-  queue.reset();
-  qelcam::host::releaseQueues();
-  later->getFuture().wait();
-  EXPECT_EQ(ran, 101);
-}
-
 TEST(HostCentralTaskMgr, ManyQueuesKeepEachPostersOrderAndRunOneTaskAtATime) {
   constexpr int kPosters = 4;
   constexpr int kTasksEach = 40;
