@@ -34,14 +34,11 @@ NSCam::ImageBufferInfo layout(size_t count, size_t step, size_t start, std::vect
   return info;
 }
 
-// What changed since `before`: heaps created, heaps alive, bytes alive, buffers locked, buffers
-// dropped locked.
-std::vector<int64_t> since(HeapStats const& before) {
-  HeapStats const now = heapStats();
-  auto const diff = [](uint64_t a, uint64_t b) { return static_cast<int64_t>(a - b); };
-  return {diff(now.heapsCreated, before.heapsCreated), diff(now.heapsAlive, before.heapsAlive),
-          diff(now.bytesAlive, before.bytesAlive), diff(now.buffersLocked, before.buffersLocked),
-          diff(now.buffersDroppedLocked, before.buffersDroppedLocked)};
+// Heaps created, heaps alive, bytes alive, buffers locked, buffers dropped locked: added since.
+std::vector<uint64_t> since(HeapStats const& b) {
+  HeapStats const n = heapStats();
+  return {n.heapsCreated - b.heapsCreated, n.heapsAlive - b.heapsAlive, n.bytesAlive - b.bytesAlive,
+          n.buffersLocked - b.buffersLocked, n.buffersDroppedLocked - b.buffersDroppedLocked};
 }
 
 TEST(HostImageMemory, BytesGoBackOnlyWhenTheHeapAndItsLastBufferAreGone) {
@@ -58,7 +55,7 @@ TEST(HostImageMemory, BytesGoBackOnlyWhenTheHeapAndItsLastBufferAreGone) {
   uintptr_t const base = buffers[0]->getBufVA(0);
   EXPECT_EQ(base % static_cast<uintptr_t>(sysconf(_SC_PAGESIZE)), 0u);
   EXPECT_EQ(buffers[2]->getBufVA(1), base + 2 * 4096 + 1000);
-  EXPECT_EQ(since(before), (std::vector<int64_t>{1, 1, 3 * 4096, 3, 0}));
+  EXPECT_EQ(since(before), (std::vector<uint64_t>{1, 1, 3 * 4096, 3, 0}));
 
   EXPECT_TRUE(buffers[0]->unlockBuf("test"));
   EXPECT_FALSE(buffers[0]->unlockBuf("test")) << "already unlocked";
@@ -67,10 +64,10 @@ TEST(HostImageMemory, BytesGoBackOnlyWhenTheHeapAndItsLastBufferAreGone) {
   heap.reset();
   buffers.clear();
   // Buffer 1 went still locked; the one left holds the heap's memory, which stays writable.
-  EXPECT_EQ(since(before), (std::vector<int64_t>{1, 1, 3 * 4096, 1, 1}));
+  EXPECT_EQ(since(before), (std::vector<uint64_t>{1, 1, 3 * 4096, 1, 1}));
   std::memset(reinterpret_cast<void*>(last->getBufVA(1)), 0x5a, 500);
   last.reset();
-  EXPECT_EQ(since(before), (std::vector<int64_t>{1, 0, 0, 0, 2}));
+  EXPECT_EQ(since(before), (std::vector<uint64_t>{1, 0, 0, 0, 2}));
 }
 
 TEST(HostImageMemory, CutsOnlyTheBuffersThatFitInTheHeap) {
@@ -96,7 +93,7 @@ TEST(HostImageMemory, InjectedFailures) {
   EXPECT_EQ(makeBlobHeap(4096), nullptr);
   auto heap = makeBlobHeap(4 * 4096);
   ASSERT_NE(heap, nullptr);
-  EXPECT_EQ(since(before)[0], 1);
+  EXPECT_EQ(since(before)[0], 1u);
 
   qelcam::host::failLockBufAt(1);
   for (int batch = 0; batch < 3; ++batch) {
