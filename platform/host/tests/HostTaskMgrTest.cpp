@@ -78,35 +78,6 @@ TEST(HostCentralTaskMgr, ManyQueuesKeepEachPostersOrderAndRunOneTaskAtATime) {
   }
 }
 
-TEST(HostCentralTaskMgr, BlockedTasksNeverStarveAnotherQueue) {
-  auto probe = makeQueue("probe");
-  postStep(probe, [] {})->getFuture().wait();
-  auto const before = qelcam::host::taskWorkerStats();
-  // One more parked task than there are workers: they all run only if another worker starts.
-  std::promise<void> unpark;
-  std::shared_future<void> const gate = unpark.get_future().share();
-  std::vector<std::shared_ptr<TaskQueue>> parked;
-  std::vector<std::future<void>> entered;
-  for (size_t n = 0; n <= before.workersAlive; ++n) {
-    auto running = std::make_shared<std::promise<void>>();
-    entered.push_back(running->get_future());
-    parked.push_back(makeQueue("parked"));
-    CentralTaskMgr::asyncPost(parked.back(), 1, [running, gate] {
-      running->set_value();
-      gate.wait();
-    });
-  }
-  for (auto& task : entered) {
-    task.wait();
-  }
-  EXPECT_GT(qelcam::host::taskWorkerStats().workersStarted, before.workersStarted);
-  // With every worker blocked another queue still runs, even a task that waits on a third queue's
-  // barrier, as a pool does when its last reference goes inside another queue's task.
-  auto other = makeQueue("other");
-  postStep(probe, [&other] { postStep(other, [] {})->getFuture().wait(); })->getFuture().wait();
-  unpark.set_value();
-}
-
 // One thread drives held queues: it runs a chosen task after its queue's earlier ones, and a wait
 // for a held task runs that task on the waiting thread. The rest run on release, a barrier's
 // future ready once its queue's earlier tasks have run, on a thread named after the queue.
