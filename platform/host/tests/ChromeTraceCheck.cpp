@@ -13,17 +13,6 @@ using nlohmann::json;
 // last.
 using Open = std::map<std::string, std::vector<std::pair<std::string, double>>>;
 
-struct Field {
-  char const* name;
-  bool (json::*is)() const noexcept;
-  std::string phases;  // the phases that need it
-};
-std::string const kPhases = "BEbesfCMiI";
-Field const kFields[] = {
-    {"pid", &json::is_number_integer, kPhases}, {"tid", &json::is_number_integer, kPhases},
-    {"ts", &json::is_number, kPhases},          {"name", &json::is_string, "BbesfCMiI"},
-    {"cat", &json::is_string, "besf"},          {"id", &json::is_primitive, "besf"}};
-
 // Ends the innermost of `open`; an end without a name ends whatever is innermost.
 std::string end(std::vector<std::pair<std::string, double>>& open, std::string const& name,
                 double ts) {
@@ -42,19 +31,20 @@ std::string end(std::vector<std::pair<std::string, double>>& open, std::string c
 std::string problemOf(json const& event, Open& open, std::map<std::string, int>& flows) {
   std::string const ph = event.is_object() ? event.value("ph", json()).dump() : "";
   char const phase = ph.size() == 3 ? ph[1] : '?';
-  if (kPhases.find(phase) == std::string::npos) {
+  if (std::string("BEbesfCMiI").find(phase) == std::string::npos) {
     return "unknown phase " + ph;
   }
-  for (auto const& field : kFields) {
-    auto it = event.find(field.name);
-    if (field.phases.find(phase) != std::string::npos &&
-        (it == event.end() || !((*it).*field.is)())) {
-      return std::string("'") + field.name + "' missing or not of its type";
-    }
-  }
+  auto const is = [&event](char const* field, bool (json::*type)() const noexcept) {
+    return (event.value(field, json()).*type)();
+  };
+  bool const spanOrFlow = std::string("besf").find(phase) != std::string::npos;
   json const args = event.value("args", json::object());
-  if (!args.is_object()) {
-    return "'args' is not an object";
+  if (!is("pid", &json::is_number_integer) || !is("tid", &json::is_number_integer) ||
+      !is("ts", &json::is_number) || (phase != 'E' && !is("name", &json::is_string)) ||
+      (spanOrFlow && (!is("cat", &json::is_string) ||
+                      (!is("id", &json::is_string) && !is("id", &json::is_number_integer)))) ||
+      !args.is_object()) {
+    return "a field it needs is missing or not of its type";
   }
   std::string const name = event.value("name", "");
   double const ts = event["ts"].get<double>();
