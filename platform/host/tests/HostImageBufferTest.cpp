@@ -1,5 +1,4 @@
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <cstring>
 
@@ -52,9 +51,7 @@ TEST(HostImageMemory, BytesGoBackOnlyWhenTheHeapAndItsLastBufferAreGone) {
     ASSERT_TRUE(buffer->lockBuf("test", 0x6000f));
     EXPECT_FALSE(buffer->lockBuf("test", 0x6000f)) << "already locked";
   }
-  uintptr_t const base = buffers[0]->getBufVA(0);
-  EXPECT_EQ(base % static_cast<uintptr_t>(sysconf(_SC_PAGESIZE)), 0u);
-  EXPECT_EQ(buffers[2]->getBufVA(1), base + 2 * 4096 + 1000);
+  EXPECT_EQ(buffers[2]->getBufVA(1), buffers[0]->getBufVA(0) + 2 * 4096 + 1000);
   EXPECT_EQ(since(before), (std::vector<uint64_t>{1, 1, 3 * 4096, 3, 0}));
 
   EXPECT_TRUE(buffers[0]->unlockBuf("test"));
