@@ -82,6 +82,7 @@ TEST(HostImageMemory, CutsOnlyWhatFitsAndFailsWhereAsked) {
       {layout(2, SIZE_MAX / 2 + 1, 0, {10}), 1},     // the second offset wraps around
       {layout(1, 0, 10001, {0}), 0},
       {layout(2, 5000, 0, {5000}), 2},
+      {layout(1, 0, 5000, {5001}), 0},  // one byte past the end
   };
   for (auto const& [info, cut] : cases) {
     EXPECT_EQ(heap->createImageBuffers(info, "test", true).size(), cut) << info.startOffset;
