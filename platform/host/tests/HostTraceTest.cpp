@@ -1,3 +1,4 @@
+#include <errno.h>
 #include <pthread.h>
 #include <unistd.h>
 
@@ -87,27 +88,28 @@ TEST(HostTrace, WritesEveryKindOfEventAndBalancesWhenStartedOrStoppedMidway) {
   stopped.set_value();
   other.join();
   EXPECT_EQ(seen, "BbeEBBEbiCCCs~B~f~e~bE");
-  EXPECT_EQ(checkedEvents(path), (std::vector<std::string>{
-                                     R"(M process_name {"name":"host_platform_tests"})",
-                                     R"(M thread_name {"name":"trace-main"})",
-                                     R"(B outer {"slot":2})",
-                                     R"(B inner {})",
-                                     R"(E inner {"key":1000})",
-                                     R"(b held {"by":"producer","key":1000})",
-                                     R"(i refused: "quoted" {"reason":"held by consumers"})",
-                                     R"(C pool bytes {"bytes":100})",
-                                     R"(C pool bytes {"bytes":150})",  // the parts' sum
-                                     R"(C pool bytes {"bytes":50})",
-                                     R"(s frame {})",
-                                     R"(M~thread_name {"name":"trace-other"})",
-                                     R"(B~consume {})",
-                                     R"(f~frame {})",
-                                     R"(e~held {})",
-                                     R"(b~held {})",
-                                     R"(E outer {"open at end":1})",
-                                     R"(E~consume {"open at end":1})",
-                                     R"(e held {"open at end":1})",
-                                 }));
+  EXPECT_EQ(checkedEvents(path),
+            (std::vector<std::string>{
+                "M process_name {\"name\":\"" + std::string(program_invocation_short_name) + "\"}",
+                R"(M thread_name {"name":"trace-main"})",
+                R"(B outer {"slot":2})",
+                R"(B inner {})",
+                R"(E inner {"key":1000})",
+                R"(b held {"by":"producer","key":1000})",
+                R"(i refused: "quoted" {"reason":"held by consumers"})",
+                R"(C pool bytes {"bytes":100})",
+                R"(C pool bytes {"bytes":150})",  // the parts' sum
+                R"(C pool bytes {"bytes":50})",
+                R"(s frame {})",
+                R"(M~thread_name {"name":"trace-other"})",
+                R"(B~consume {})",
+                R"(f~frame {})",
+                R"(e~held {})",
+                R"(b~held {})",
+                R"(E outer {"open at end":1})",
+                R"(E~consume {"open at end":1})",
+                R"(e held {"open at end":1})",
+            }));
 }
 
 TEST(ChromeTraceCheck, FindsEveryKindOfFault) {
