@@ -18,7 +18,7 @@ std::shared_ptr<qcam::IImageBufferHeap> makeBlobHeap(int32_t bytes) {
   return qcam::IImageBufferHeapFactory::create("test", "heap", param, false);
 }
 
-// `count` buffers every `step` bytes from `start`, each of planes of these sizes (stride a tenth).
+// `count` buffers every `step` bytes from `start`, each of planes of these sizes.
 NSCam::ImageBufferInfo layout(size_t count, size_t step, size_t start, std::vector<size_t> sizes) {
   NSCam::ImageBufferInfo info;
   info.count = count;
@@ -28,8 +28,6 @@ NSCam::ImageBufferInfo layout(size_t count, size_t step, size_t start, std::vect
   for (size_t p = 0; p < sizes.size(); ++p) {
     info.bufPlanes.planes[p] = {sizes[p], sizes[p] / 10};
   }
-  info.imgFormat = qelcam::host::kFormatGainMap8;
-  info.imgSize = NSCam::MSize(100, 10);
   return info;
 }
 
