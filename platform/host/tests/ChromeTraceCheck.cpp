@@ -2,7 +2,6 @@
 
 #include <fstream>
 #include <map>
-#include <set>
 #include <utility>
 
 namespace qelcam {
@@ -10,194 +9,71 @@ namespace host {
 namespace {
 
 using nlohmann::json;
+// What is open under a thread or an async span's category and id: (name, begin time), innermost
+// last.
+using Open = std::map<std::string, std::vector<std::pair<std::string, double>>>;
 
-class Checker {
- public:
-  explicit Checker(std::vector<std::string>& problems) : mProblems(problems) {}
-
-  void check(json const& events) {
-    for (size_t i = 0; i < events.size(); ++i) {
-      mWhere = "event " + std::to_string(i);
-      checkEvent(events[i]);
-    }
-    for (auto const& [thread, open] : mSlices) {
-      for (auto const& slice : open) {
-        problem("thread " + std::to_string(thread.second) + ": slice '" + slice.first +
-                "' never ends");
-      }
-    }
-    for (auto const& [span, open] : mSpans) {
-      for (auto const& name : open) {
-        problem("async span '" + name + "' (" + span.first + ", " + span.second + ") never ends");
-      }
-    }
+// Ends the innermost of `open`; an end without a name ends whatever is innermost.
+std::string end(std::vector<std::pair<std::string, double>>& open, std::string const& name,
+                double ts) {
+  if (open.empty()) {
+    return "end without a begin";
   }
-
- private:
-  using Thread = std::pair<int64_t, int64_t>;
-  using Span = std::pair<std::string, std::string>;
-
-  void problem(std::string const& text) { mProblems.push_back(text); }
-
-  bool require(json const& event, char const* field, bool (json::*is)() const noexcept,
-               char const* what) {
-    auto it = event.find(field);
-    if (it == event.end() || !((*it).*is)()) {
-      problem(mWhere + ": '" + field + "' missing or not " + what);
-      return false;
-    }
-    return true;
+  auto const begun = open.back();
+  open.pop_back();
+  if (!name.empty() && name != begun.first) {
+    return "ends '" + name + "', but '" + begun.first + "' is the innermost";
   }
+  return ts < begun.second ? "ends before it begins" : "";
+}
 
-  void checkEvent(json const& event) {
-    if (!event.is_object()) {
-      problem(mWhere + ": not an object");
-      return;
-    }
-    if (!require(event, "ph", &json::is_string, "a string") ||
-        event["ph"].get<std::string>().size() != 1) {
-      problem(mWhere + ": bad phase");
-      return;
-    }
-    char const phase = event["ph"].get<std::string>()[0];
-    bool ok = require(event, "pid", &json::is_number_integer, "an integer") &&
-              require(event, "tid", &json::is_number_integer, "an integer") &&
-              require(event, "ts", &json::is_number, "a number");
-    if (event.contains("args") && !event["args"].is_object()) {
-      problem(mWhere + ": 'args' is not an object");
-      ok = false;
-    }
-    if (phase != 'E' && !require(event, "name", &json::is_string, "a string")) {
-      ok = false;
-    }
-    if (ok) {
-      mWhere += " ('" + event.value("name", std::string()) + "')";
-      checkPhase(phase, event);
-    }
+// The first thing wrong with `event`, given what the events before it left open; empty if none.
+std::string problemOf(json const& event, Open& open, std::map<std::string, int>& flows) {
+  std::string const ph = event.is_object() ? event.value("ph", json()).dump() : "";
+  char const phase = ph.size() == 3 ? ph[1] : '?';
+  if (std::string("BEbesfCMiI").find(phase) == std::string::npos) {
+    return "unknown phase " + ph;
   }
-
-  void checkPhase(char phase, json const& event) {
-    Thread const thread{event["pid"].get<int64_t>(), event["tid"].get<int64_t>()};
-    double const ts = event["ts"].get<double>();
-    switch (phase) {
-      case 'B':
-        mSlices[thread].emplace_back(event["name"].get<std::string>(), ts);
-        break;
-      case 'E':
-        endSlice(thread, event, ts);
-        break;
-      case 'b':
-      case 'e':
-        if (identified(event)) {
-          async(phase, event);
-        }
-        break;
-      case 's':
-      case 'f':
-        if (identified(event)) {
-          flow(phase, event);
-        }
-        break;
-      case 'C':
-        counter(event);
-        break;
-      case 'i':
-      case 'I':
-        if (event.contains("s") && (!event["s"].is_string() ||
-                                    std::set<std::string>{"t", "p", "g"}.count(event["s"]) == 0)) {
-          problem(mWhere + ": instant scope is not t, p or g");
-        }
-        break;
-      case 'M':
-        metadata(event);
-        break;
-      default:
-        problem(mWhere + ": unknown phase '" + std::string(1, phase) + "'");
-    }
+  auto const is = [&event](char const* field, bool (json::*type)() const noexcept) {
+    return (event.value(field, json()).*type)();
+  };
+  bool const spanOrFlow = std::string("besf").find(phase) != std::string::npos;
+  json const args = event.value("args", json::object());
+  if (!is("pid", &json::is_number_integer) || !is("tid", &json::is_number_integer) ||
+      !is("ts", &json::is_number) || (phase != 'E' && !is("name", &json::is_string)) ||
+      (spanOrFlow && (!is("cat", &json::is_string) ||
+                      (!is("id", &json::is_string) && !is("id", &json::is_number_integer)))) ||
+      !args.is_object()) {
+    return "a field it needs is missing or not of its type";
   }
-
-  void endSlice(Thread const& thread, json const& event, double ts) {
-    auto& open = mSlices[thread];
-    if (open.empty()) {
-      problem(mWhere + ": end without a begin on its thread");
-      return;
-    }
-    if (event.contains("name") && event["name"] != open.back().first) {
-      problem(mWhere + ": ends '" + open.back().first + "', which is not the innermost slice");
-    }
-    if (ts < open.back().second) {
-      problem(mWhere + ": ends before it begins");
-    }
-    open.pop_back();
-  }
-
-  bool identified(json const& event) {
-    bool ok = require(event, "cat", &json::is_string, "a string");
-    if (!event.contains("id") || !(event["id"].is_string() || event["id"].is_number_integer())) {
-      problem(mWhere + ": 'id' missing or neither a string nor an integer");
-      ok = false;
-    }
-    return ok;
-  }
-
-  static Span spanOf(json const& event) {
-    return {event["cat"].get<std::string>(), event["id"].dump()};
-  }
-
-  void async(char phase, json const& event) {
-    auto& open = mSpans[spanOf(event)];
-    std::string const name = event["name"].get<std::string>();
-    if (phase == 'b') {
-      open.push_back(name);
-    } else if (open.empty() || open.back() != name) {
-      problem(mWhere + ": async end without a matching open span");
-    } else {
-      open.pop_back();
-    }
-  }
-
-  void flow(char phase, json const& event) {
-    Span const span = spanOf(event);
-    if (phase == 's') {
-      mFlowsStarted.insert(span);
-    } else if (mFlowsStarted.count(span) == 0) {
-      problem(mWhere + ": flow end without a start");
-    } else if (!mFlowsEnded.insert(span).second) {
-      problem(mWhere + ": flow ended twice");
-    }
-  }
-
-  void counter(json const& event) {
-    if (!event.contains("args") || event["args"].empty()) {
-      problem(mWhere + ": counter without values");
-      return;
-    }
-    for (auto const& [series, value] : event["args"].items()) {
+  std::string const name = event.value("name", "");
+  double const ts = event["ts"].get<double>();
+  // Slices nest per thread; async spans and flows are keyed by category and id.
+  std::string const key =
+      phase == 'B' || phase == 'E'
+          ? "thread " + event["pid"].dump() + "/" + event["tid"].dump()
+          : "span " + event.value("cat", "") + " " + event.value("id", json()).dump();
+  if (phase == 'B' || phase == 'b') {
+    open[key].emplace_back(name, ts);
+  } else if (phase == 'E' || phase == 'e') {
+    return end(open[key], name, ts);
+  } else if (phase == 's') {
+    flows[key] = 1;
+  } else if (phase == 'f' && flows[key]++ != 1) {
+    return "flow end without a start, or ended twice";
+  } else if (phase == 'C') {
+    for (auto const& [series, value] : args.items()) {
       if (!value.is_number()) {
-        problem(mWhere + ": counter series '" + series + "' is not a number");
+        return "counter series '" + series + "' is not a number";
       }
     }
+    return args.empty() ? "counter without values" : "";
+  } else if (phase == 'M' && name.find("_name") != std::string::npos &&
+             !args.value("name", json()).is_string()) {
+    return "a name record without args.name";
   }
-
-  void metadata(json const& event) {
-    static std::set<std::string> const kNames = {"process_name", "thread_name",
-                                                 "process_sort_index", "thread_sort_index"};
-    if (kNames.count(event["name"]) == 0) {
-      problem(mWhere + ": unknown metadata");
-    } else if (event["name"].get<std::string>().find("_name") != std::string::npos &&
-               !(event.contains("args") && event["args"].contains("name") &&
-                 event["args"]["name"].is_string())) {
-      problem(mWhere + ": a name record without args.name");
-    }
-  }
-
-  std::vector<std::string>& mProblems;
-  std::string mWhere;
-  std::map<Thread, std::vector<std::pair<std::string, double>>> mSlices;
-  std::map<Span, std::vector<std::string>> mSpans;
-  std::set<Span> mFlowsStarted;
-  std::set<Span> mFlowsEnded;
-};
+  return "";
+}
 
 }  // namespace
 
@@ -212,21 +88,29 @@ std::string TraceCheck::problemText() const {
 TraceCheck checkChromeTrace(std::string const& path) {
   TraceCheck result;
   std::ifstream in(path);
-  if (!in) {
-    result.problems.push_back(path + ": cannot be read");
-    return result;
-  }
   result.trace = json::parse(in, nullptr, false);
   if (result.trace.is_discarded()) {
-    result.problems.push_back(path + ": not well-formed JSON");
+    result.problems.push_back(path + ": unreadable or not well-formed JSON");
     return result;
   }
-  if (!result.trace.is_object() || !result.trace.contains("traceEvents") ||
-      !result.trace["traceEvents"].is_array()) {
+  if (!result.trace.is_object() || !result.trace.value("traceEvents", json()).is_array()) {
     result.problems.push_back(path + ": not an object with a 'traceEvents' array");
     return result;
   }
-  Checker(result.problems).check(result.trace["traceEvents"]);
+  Open open;
+  std::map<std::string, int> flows;  // 1 started, more ended
+  for (size_t i = 0; i < result.trace["traceEvents"].size(); ++i) {
+    json const& event = result.trace["traceEvents"][i];
+    std::string const problem = problemOf(event, open, flows);
+    if (!problem.empty()) {
+      result.problems.push_back("event " + std::to_string(i) + " " + event.dump() + ": " + problem);
+    }
+  }
+  for (auto const& [key, begun] : open) {
+    for (auto const& slice : begun) {
+      result.problems.push_back(key + ": '" + slice.first + "' never ends");
+    }
+  }
   return result;
 }
 
