@@ -110,4 +110,34 @@ TEST(HostCentralTaskMgr, HeldQueuesRunWhatACallerChoosesOrWaitsForAndTheRestOnRe
   EXPECT_EQ(ran, (std::vector<std::string>{"a1@", "a2@", "a3@", "b1@GMP_0", "b2@GMP_0"}));
 }
 
+// A blocked task keeps its worker: one more blocked task than there are workers runs only if the
+// platform starts another, and a task that waits on another queue's barrier still gets it run, as
+// a pool's destruction does when its last reference goes inside another queue's task.
+TEST(HostCentralTaskMgr, BlockedTasksNeverStarveAnotherQueue) {
+  auto const before = qelcam::host::taskWorkerStats();
+  size_t const count = before.workersAlive + 1;
+  std::promise<void> unpark;
+  std::shared_future<void> gate = unpark.get_future().share();
+  std::atomic<size_t> entered{0};
+  std::promise<void> allEntered;
+  std::vector<std::shared_ptr<TaskQueue>> parked;
+  for (size_t n = 0; n < count; ++n) {
+    parked.push_back(makeQueue("parked"));
+    CentralTaskMgr::asyncPost(parked.back(), 1, [&, gate] {
+      if (entered.fetch_add(1) + 1 == count) {
+        allEntered.set_value();
+      }
+      gate.wait();
+    });
+  }
+  allEntered.get_future().wait();
+  EXPECT_GT(qelcam::host::taskWorkerStats().workersStarted, before.workersStarted);
+
+  auto probe = makeQueue("probe");
+  auto other = makeQueue("other");
+  postStep(probe, [&other] { postStep(other, [] {})->getFuture().wait(); })->getFuture().get();
+  unpark.set_value();
+  qelcam::host::waitQueuesIdle();
+}
+
 }  // namespace
