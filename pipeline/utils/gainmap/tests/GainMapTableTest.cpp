@@ -242,6 +242,12 @@ TEST_F(GainMapTableTest, VerboseDebugTellsEveryStepOfAPoolsLife) {
                                  "[~GainMapBufPoolImp] [s:3][i:1] buffers released",
                                  "[releaseSlotBuffersLocked] [s:3][i:2] released size (0)",
                                  "[~GainMapBufPoolImp] [s:3][i:2] buffers released"}));
+
+  // A pool whose allocation lags says so as it is made.
+  createdPool(fourByThree(1, 2), true);
+  EXPECT_EQ(take(kDebug).at(3),
+            "[GainMapBufPoolImp] ctor: mSensorId(3), mSensorSizes{[0]:(4000x3000) } mBatchSize(1), "
+            "mSlotCount(2), mMaxSlotCount(4) laggingAlloc(1)");
 }
 
 }  // namespace

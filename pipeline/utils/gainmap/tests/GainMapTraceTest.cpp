@@ -37,9 +37,22 @@ class TraceRecord {
                       std::to_string(event.find("slot")->number) + "]");
       } else if (event.phase == 'b' || event.phase == 'e') {
         auto const* key = event.find("key");
+        auto const* destroyed = event.find("pool destroyed");
         out.push_back(
             std::string(1, event.phase) + " " + event.name +
-            (event.phase == 'b' && key != nullptr ? " " + std::to_string(key->number) : ""));
+            (event.phase == 'b' && key != nullptr ? " " + std::to_string(key->number) : "") +
+            (destroyed != nullptr ? " (pool destroyed " + std::to_string(destroyed->number) + ")"
+                                  : ""));
+      }
+    }
+    return out;
+  }
+  // The key of every slice that ended with one, in order.
+  std::vector<int64_t> sliceKeys() {
+    std::vector<int64_t> out;
+    for (auto const& event : events()) {
+      if (auto const* key = event.phase == 'E' ? event.find("key") : nullptr) {
+        out.push_back(key->number);
       }
     }
     return out;
@@ -204,8 +217,10 @@ TEST_F(GainMapTraceTest, SlotSpansAndPoolCountersFollowTheLending) {
                                "b s:3 slot 1 producer",
                                "e s:3 slot 1 producer",
                                "onGetProducerBuffer: held by consumers [0]",
-                               "e s:3 slot 0 consumer",
+                               "e s:3 slot 0 consumer (pool destroyed 1)",
                            }));
+  // The producer's returns and the consumers' borrows carry the frame's key.
+  EXPECT_EQ(trace.sliceKeys(), (std::vector<int64_t>{30, 30, 30, 31}));
   EXPECT_EQ(trace.counter("s:3 busy", "slots"), (std::vector<int64_t>{1, 0, 1, 2, 1, 0}));
   EXPECT_EQ(trace.counter("s:3 rotation", "slots"), (std::vector<int64_t>{2, 3}));
   // Both slots' memory at creation, the grown slot's, then every slot's as the pool goes.
