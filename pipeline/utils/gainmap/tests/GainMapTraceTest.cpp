@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -47,14 +48,17 @@ class TraceRecord {
     }
     return out;
   }
-  // The key of every slice that ended with one, in order.
-  std::vector<int64_t> sliceKeys() {
-    std::vector<int64_t> out;
+  // "slot key" of every slice that ended with a slot ("slot" alone without a key), sorted.
+  Lines sliceArgs() {
+    Lines out;
     for (auto const& event : events()) {
-      if (auto const* key = event.phase == 'E' ? event.find("key") : nullptr) {
-        out.push_back(key->number);
+      if (auto const* slot = event.phase == 'E' ? event.find("slot") : nullptr) {
+        auto const* key = event.find("key");
+        out.push_back(std::to_string(slot->number) +
+                      (key != nullptr ? " " + std::to_string(key->number) : ""));
       }
     }
+    std::sort(out.begin(), out.end());
     return out;
   }
   // The values a counter took, in order.
@@ -219,8 +223,11 @@ TEST_F(GainMapTraceTest, SlotSpansAndPoolCountersFollowTheLending) {
                                "onGetProducerBuffer: held by consumers [0]",
                                "e s:3 slot 0 consumer (pool destroyed 1)",
                            }));
-  // The producer's returns and the consumers' borrows carry the frame's key.
-  EXPECT_EQ(trace.sliceKeys(), (std::vector<int64_t>{30, 30, 30, 31}));
+  // Every slice names its slot, -1 where it has none (creation, the refused call, destruction),
+  // and the producer's returns and the consumers' borrows carry the frame's key. Sorted: the
+  // growth's step may end on the queue before the refused call's slice ends.
+  EXPECT_EQ(trace.sliceArgs(),
+            (Lines{"-1", "-1", "-1", "0", "0", "0 30", "0 30", "0 30", "1", "1 31", "2"}));
   EXPECT_EQ(trace.counter("s:3 busy", "slots"), (std::vector<int64_t>{1, 0, 1, 2, 1, 0}));
   EXPECT_EQ(trace.counter("s:3 rotation", "slots"), (std::vector<int64_t>{2, 3}));
   // Both slots' memory at creation, the grown slot's, then every slot's as the pool goes.
