@@ -237,8 +237,14 @@ TEST_F(GainMapTraceTest, SlotSpansAndPoolCountersFollowTheLending) {
 
   // A pool of two modes keeps each slot's memory in buffersBySize, which its destructor does not
   // free: the counter does not drop as the pool goes.
+  // Its producer's span is cut as it goes.
   TraceRecord twoModes;
-  createdPool(poolParams({{0, MSize(4000, 3000)}, {1, MSize(4000, 2250)}}, 1, 2)).reset();
+  auto twoModePool =
+      createdPool(poolParams({{0, MSize(4000, 3000)}, {1, MSize(4000, 2250)}}, 1, 2));
+  auto held = twoModePool->getProducerBuffer();
+  twoModePool.reset();
+  EXPECT_EQ(twoModes.marks(),
+            (Lines{"b s:3 slot 0 producer", "e s:3 slot 0 producer (pool destroyed 1)"}));
   EXPECT_EQ(twoModes.counter("s:3 image", "bytes"),
             (std::vector<int64_t>{kMap4x3Bytes, 2 * kMap4x3Bytes}));
 }
