@@ -442,8 +442,12 @@ class PoolModel {
     int32_t const index = static_cast<int32_t>(mSlotCount++);
     mPreAllocIndex = index;
     mQueue.push_back([this, index](Lines& o) {
-      initSlot(index);
-      allocSlotBuffers(index, o);
+      // A resume queued ahead has given the slot its memory; a release leaves it to the next
+      // resume.
+      if (!mSlots[static_cast<size_t>(index)].ready && !mReleased) {
+        initSlot(index);
+        allocSlotBuffers(index, o);
+      }
     });
   }
 
@@ -625,18 +629,6 @@ class WorldModel {
       mPools[static_cast<size_t>(id)].model->dump(out);
     }
   }
-
-  bool filed(int sensorId) const { return mBySensor.count(sensorId) != 0; }
-  // Whether a manager call would destroy a pool (and so wait for its queue).
-  bool createWouldDestroy(int sensorId) const {
-    auto filed = mBySensor.find(sensorId);
-    return filed != mBySensor.end() && refs(filed->second) == 0;
-  }
-  bool destroyWouldDestroy(int uniKey) const {
-    std::vector<int> const ids = filedWithKey(uniKey);
-    return std::any_of(ids.begin(), ids.end(), [this](int id) { return refs(id) == 0; });
-  }
-  bool dropWouldDestroy(int poolId) const { return refs(poolId) == 1 && !inManager(poolId); }
 
   void addPoolRef(int poolId) { ++mPools[static_cast<size_t>(poolId)].clientRefs; }
   void dropPoolRef(int poolId, Lines& out) {
