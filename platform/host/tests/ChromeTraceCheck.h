@@ -7,14 +7,11 @@
 
 #include <nlohmann/json.hpp>
 
-namespace qelcam {
-namespace host {
+namespace qelcam::host {
 
 struct TraceCheck {
-  // Empty when the file is a valid trace; otherwise one line per problem.
-  std::vector<std::string> problems;
-  // The parsed trace, for further questions about its events.
-  nlohmann::json trace;
+  std::vector<std::string> problems;  // empty when the file is a valid trace
+  nlohmann::json trace;               // the parsed file, for further questions about its events
 
   // The problems, a line each, for a failing assertion's message.
   std::string problemText() const;
@@ -25,5 +22,4 @@ struct TraceCheck {
 // flow end follows its start; counter values are numbers.
 TraceCheck checkChromeTrace(std::string const& path);
 
-}  // namespace host
-}  // namespace qelcam
+}  // namespace qelcam::host

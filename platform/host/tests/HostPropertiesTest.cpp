@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <cstdio>
 #include <cstdlib>
 
 #include "HostPlatform.h"
@@ -13,20 +14,9 @@ TEST(HostProperties, ParsesIntegersAsAndroidDoesAndFallsBackOtherwise) {
   constexpr char kKey[] = "vendor.debug.camera.log.pipeline.gainmap";
   // Text and value; -7 is the default, given back for what is no 32-bit integer.
   std::vector<std::pair<char const*, int32_t>> const cases = {
-      {"1", 1},
-      {"0x1f", 31},
-      {"017", 15},
-      {"-12", -12},
-      {"  \t42", 42},
-      {"3 apples", 3},
-      {"09", 0},
-      {"0x", 0},
-      {"2147483647", INT32_MAX},
-      {"-2147483648", INT32_MIN},
-      {"2147483648", -7},
-      {"99999999999999999999999", -7},
-      {"", -7},
-      {"abc", -7},
+      {"0x1f", 31}, {"017", 15}, {"  \t-12", -12},           {"3 apples", 3},
+      {"09", 0},    {"0x", 0},   {"-2147483648", INT32_MIN}, {"2147483648", -7},
+      {"", -7},     {"abc", -7},
   };
   for (auto const& [text, value] : cases) {
     qelcam::host::setProperty(kKey, text);
@@ -41,12 +31,13 @@ TEST(HostPropertiesDeathTest, StartsFromTheEnvironment) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");
   // The child re-runs the program, so its store is filled from this environment.
   setenv("QELCAM_PROPERTIES", "vendor.a=0x10; vendor.b = 7;junk;=1;vendor.c=", 1);
-  EXPECT_EXIT(
-      std::exit(property_get_int32("vendor.a", 0) == 16 && property_get_int32("vendor.b", 0) == 7 &&
-                        property_get_int32("vendor.c", 5) == 5 && property_get_int32("junk", 6) == 6
-                    ? 0
-                    : 1),
-      testing::ExitedWithCode(0), "");
+  auto const print = [] {
+    for (char const* key : {"vendor.a", "vendor.b", "vendor.c", "junk"}) {
+      std::fprintf(stderr, "%d,", property_get_int32(key, -1));
+    }
+    std::exit(0);
+  };
+  EXPECT_EXIT(print(), testing::ExitedWithCode(0), "^16,7,-1,-1,$");
   unsetenv("QELCAM_PROPERTIES");
 }
 
