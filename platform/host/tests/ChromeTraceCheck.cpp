@@ -30,9 +30,10 @@ std::string problemOf(json const& event, Open& open, std::map<std::string, int>&
     return "a field it needs is missing or not of its type";
   }
   json const args = event.value("args", json::object());
-  std::string const key = phase == "B" || phase == "E"
-                              ? "thread " + event["pid"].dump() + "/" + event["tid"].dump()
-                              : "span " + event.value("cat", "") + " " + event["id"].dump();
+  std::string const key =
+      phase == "B" || phase == "E"
+          ? "thread " + event["pid"].dump() + "/" + event["tid"].dump()
+          : "span " + event.value("cat", "") + " " + event.value("id", json()).dump();
   if (phase == "B" || phase == "b") {
     open[key].push_back(event);
   } else if (phase == "E" || phase == "e") {
