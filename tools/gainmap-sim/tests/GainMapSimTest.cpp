@@ -55,6 +55,10 @@ std::string jsonOf(std::string const& args) {
   return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
 }
 
+json figuresOf(std::string const& args) {
+  return json::parse(jsonOf(args), nullptr, false);
+}
+
 // Short runs see the pools grow from their first slots, and under the sanitizers checking a
 // borrowed frame stretches every hold: starvation is not what these runs check.
 constexpr char kRelaxed[] = " --quiet --max-starved 100";
@@ -94,16 +98,6 @@ TEST(GainMapSim, RunsReachTheirVerdictsAndFigures) {
         "they handed every slot back to the removed pools", noLeak,
         "\ngetPool: empty after teardown" + some + some + some + "\n", "\ngetPool: empty" + none,
         "\nlost slots" + none}},
-      // A pool of two modes keeps its buffers by size: `buffers` stays empty, so the producer
-      // hands every slot back with nothing valid and every consumer is refused by design.
-      {std::string("--duration 2 --consumers 2") + kRelaxed +
-           " --sensor id=5,modes=0:4000x3000,batch=3,slots=2,lagging=1"
-           " --sensor id=-1,modes=0:4000x3000/1:4000x2250,batch=2,slots=2",
-       "",
-       1,
-       {"\nFAILED: sensor -1 cannot carry data through `buffers`: its pool has 2 sensor modes",
-        "\nresult: FAILED\n", "\nframes consumed" + some + " +0\n",
-        "\nconsumer refused: no buffers by design +0" + some + "\n"}},
       // The diagnosis's text is the report's; here the run must reach it.
       {"--duration 2 --fps 240 --consumers 3 --hold 40-120 --release-period 0 --quiet"
        " --sensor id=0,modes=0:4000x3000,slots=2",
@@ -147,29 +141,20 @@ TEST(GainMapSim, RunsReachTheirVerdictsAndFigures) {
 TEST(GainMapSim, BadOptionsAreRefusedWithAClearMessageAndStatusTwo) {
   std::vector<std::pair<std::string, std::string>> const cases = {
       {"--frobnicate", "unknown option '--frobnicate'"},
-      {"--quiet=1", "option '--quiet' takes no value"},
-      {"--duration", "option '--duration' needs a value"},
       {"--fps abc", "--fps: 'abc' is not a whole number"},
       {"--fps=99999999999999999999", "--fps: 99999999999999999999 is out of range [1, 240]"},
-      {"--hold 50", "--hold: '50' is not MIN-MAX"},
       {"--hold 90-40", "--hold: minimum 90 exceeds maximum 40"},
-      {"--hold lognormal:90:40", "--hold: p99 40 is below the median 90"},
       {"--release-period 100 --release-time 100",
        "--release-time 100 must be shorter than --release-period 100"},
       {"--sensor id=0", "--sensor 'id=0': a sensor needs id= and modes="},
-      {"--sensor id=0,modes=0:4000y3000", "size '4000y3000' is not WIDTHxHEIGHT"},
       {"--sensor id=0,modes=0:16x16384", "size 16x16384 is too tall"},
-      {"--sensor id=0,modes=0:1152x1", "size 1152x1 is too flat"},
       {"--sensor id=0,modes=0:4000x3000/0:3264x2448", "mode 0 is given twice"},
       {"--sensor id=0,modes=0:4000x3000,color=red", "unknown sensor field 'color'"},
       {"--sensor id=0,modes=0:4000x3000 --sensor id=0,modes=0:3264x2448",
        "sensor id 0 is given twice"},
-      {"--json=", "--json: needs a file name"},
       {"--json /nonexistent/dir/f.json", "cannot write the figures to /nonexistent/dir/f.json"},
-      {"--trace /nonexistent/dir/t.json", "cannot write the trace to /nonexistent/dir/t.json"},
       {"--virtual-time --trace t.json", "--trace needs real time"},
       {"--batches 2", "--batches lists the batch sizes of the sizing sweep: it needs --size"},
-      {"--size --reconfigure", "--size sweeps plain pools"},
       {"--duration 5 --warm-up 5", "--warm-up 5 must be shorter than --duration 5"},
       {"--size --plot /nonexistent/dir/p.png", "cannot write the plot to /nonexistent/dir/p.png"},
   };
@@ -195,7 +180,7 @@ TEST(GainMapSimVirtualTime, TheSameSeedReplaysByteForByteAndAnotherSeedDoesNot) 
   auto const figures = json::parse(first, nullptr, false);
 
   EXPECT_EQ(jsonOf(args + "3"), first);
-  EXPECT_NE(json::parse(jsonOf(args + "4"), nullptr, false)["sensors"], figures["sensors"]);
+  EXPECT_NE(figuresOf(args + "4")["sensors"], figures["sensors"]);
   EXPECT_EQ(figures.value("result", ""), "clean") << first;
   EXPECT_GT(figures["sensors"][1]["frames"]["consumed"], 0);
   EXPECT_FALSE(figures["sensors"][0].contains("latencyUs"));
@@ -213,13 +198,12 @@ TEST(GainMapSimSizing, ConstantHoldsNeedHoldTimesRatePlusOneSlotsOrHalfOnceGrown
                              " --release-period 0 --duration 20 --sensor id=0,modes=0:4000x3000";
     SCOPED_TRACE(base);
 
-    auto const exact = json::parse(
-        jsonOf(base + ",slots=" + std::to_string(needed) + " --virtual-time"), nullptr, false);
+    auto const exact = figuresOf(base + ",slots=" + std::to_string(needed) + " --virtual-time");
     EXPECT_EQ(exact["sensors"][0]["producerRefused"]["held by consumers"], 0);
     EXPECT_EQ(exact["sensors"][0]["frames"]["dropped"], 0);
     for (auto const& [options, expected] :
          {std::pair{"--size ", needed}, std::pair{"--size --warm-up 10 ", (needed + 1) / 2}}) {
-      auto const sweep = json::parse(jsonOf(options + base), nullptr, false)["sizing"][0];
+      auto const sweep = figuresOf(options + base)["sizing"][0];
       int const answer = sweep["answer"].get<int>();
       EXPECT_LE(std::abs(answer - expected), 1) << sweep.dump();
       ASSERT_EQ(sweep["rows"].size(), static_cast<size_t>(answer)) << sweep.dump();
@@ -235,13 +219,14 @@ TEST(GainMapSimVirtualTime, ADearerAllocationDropsMoreFramesWhileThePoolGrows) {
       "--virtual-time --fps 60 --hold 200-200 --release-period 0 --duration 10 --max-starved 100 "
       "--sensor id=0,modes=0:4000x3000,slots=7 --alloc-cost-us ";
 
-  auto const cheap = json::parse(jsonOf(args + "65"), nullptr, false)["sensors"][0];
-  auto const dear = json::parse(jsonOf(args + "200000"), nullptr, false)["sensors"][0];
+  auto const cheap = figuresOf(args + "65")["sensors"][0];
+  auto const dear = figuresOf(args + "200000")["sensors"][0];
 
+  // Neither meets its rotation's maximum; only the dear one meets grown slots still allocating.
   EXPECT_EQ(cheap["producerRefused"]["rotation at its maximum"], 0);
+  EXPECT_EQ(dear["producerRefused"]["rotation at its maximum"], 0);
   EXPECT_EQ(cheap["producerRefused"]["not ready"], 0);
   EXPECT_GT(dear["producerRefused"]["not ready"], 0);
-  EXPECT_EQ(dear["producerRefused"]["rotation at its maximum"], 0);
   EXPECT_GT(dear["frames"]["dropped"], cheap["frames"]["dropped"]);
 }
 
