@@ -17,9 +17,9 @@ struct TraceCheck {
   std::string problemText() const;
 };
 
-// Well-formed JSON in the object form with "traceEvents"; every event has the fields its phase
-// needs; slices nest and balance on each thread; async spans balance per category and id; every
-// flow end follows its start; counter values are numbers.
+// Well-formed JSON in the object form with "traceEvents"; every event has a phase and a time;
+// slices nest and balance on each thread; async spans balance per category and id; every flow
+// end follows its start. What each kind of event holds is pinned by the host's trace test.
 TraceCheck checkChromeTrace(std::string const& path);
 
 }  // namespace qelcam::host

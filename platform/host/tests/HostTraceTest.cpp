@@ -102,15 +102,12 @@ TEST(ChromeTraceCheck, FindsEveryKindOfFault) {
   // The file's events, and a part of the problem found.
   std::vector<std::pair<std::string, std::string>> const cases = {
       {"{", "not a JSON object"},
-      {R"({"ph":"Q"})", "unknown phase"},
-      {R"({"ph":"b","name":"a","id":1,"pid":1,"tid":1,"ts":1})", "missing"},
+      {R"({"ph":"B","name":"a"})", "no time"},
       {b, "\"a\" never ends"},
       {e + "1}", "end without a begin"},
       {b + "," + e + "4}", "ends before it begins"},
       {b + R"(,{"ph":"E","name":"b","pid":1,"tid":1,"ts":6})", "is innermost"},
       {R"({"ph":"f","name":"a","cat":"c","id":2,"pid":1,"tid":1,"ts":1})", "flow end without"},
-      {R"({"ph":"C","name":"a","pid":1,"tid":1,"ts":1,"args":{"v":"3"}})", "is not a number"},
-      {R"({"ph":"M","name":"thread_name","pid":1,"tid":1,"ts":0})", "without args.name"},
   };
   std::string const path = tracePath("bad");
   for (auto const& [events, problem] : cases) {
