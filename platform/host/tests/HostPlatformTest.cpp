@@ -2,6 +2,7 @@
 #include <pthread.h>
 
 #include <atomic>
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -48,7 +49,7 @@ TEST(HostImageMemory, CutsWhatFitsAndFreesWithTheLastHolder) {
   param.strideInBytes = 12000;
   auto heap = qcam::IImageBufferHeapFactory::create("test", "heap", param, false);
   ASSERT_NE(heap, nullptr);
-  // Layout, buffers cut: the last plane of the next buffer crosses the end, or its offset wraps.
+  // Layout, buffers cut: those from the first whose last plane runs past the heap's end.
   std::vector<std::pair<NSCam::ImageBufferInfo, size_t>> const cases = {
       {layout(5, 3000, 0, 1500), 4},
       {layout(1, 0, 9001, 1500), 0},
@@ -192,8 +193,9 @@ TEST(HostCentralTaskMgr, HeldQueuesRunWhatACallerChoosesOrWaitsForAndTheRestOnRe
   EXPECT_FALSE(qelcam::host::runHeldTask(a2));
   EXPECT_EQ(ran, (std::vector<std::string>{"a1@", "a2@"}));
   qelcam::host::setWaitRunsHeldTasks(true);
-  a3->getFuture().wait();
+  auto const status = a3->getFuture().wait_for(std::chrono::seconds(0));
   qelcam::host::setWaitRunsHeldTasks(false);
+  EXPECT_EQ(status, std::future_status::ready) << "taking the future ran the task";
   qelcam::host::releaseQueues();
   qelcam::host::waitQueuesIdle();
   EXPECT_EQ(ran, (std::vector<std::string>{"a1@", "a2@", "a3@", "b1@GMP_0", "b2@GMP_0"}));
