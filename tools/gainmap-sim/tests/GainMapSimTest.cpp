@@ -82,8 +82,7 @@ TEST(GainMapSim, RunsReachTheirVerdictsAndFigures) {
       {"--duration 3 --release-period 1000 --release-time 200 --trace " + trace + kRelaxed,
        "",
        0,
-       {"\nresult: clean\n", noLeak, "\nframes consumed" + some + some + some + "\n",
-        "\nrelease cycles" + some + some + some + "\n",
+       {"\nresult: clean\n", noLeak, "\nrelease cycles" + some + some + some + "\n",
         "\nproducer refused: released" + some + some + some + "\n",
         "\nproducer refused: unexplained" + none, "\nconsumer refused: unexplained" + none}},
       // Traced by the environment, as any program can be.
@@ -95,9 +94,7 @@ TEST(GainMapSim, RunsReachTheirVerdictsAndFigures) {
        {"\nnote: reconfiguration: pools replaced while frames were in flight",
         "the replaced pools went with their last holder",
         "\nnote: client teardown: destroyAllPools ran while consumers held ",
-        "they handed every slot back to the removed pools", noLeak,
-        "\ngetPool: empty after teardown" + some + some + some + "\n", "\ngetPool: empty" + none,
-        "\nlost slots" + none}},
+        "they handed every slot back to the removed pools", noLeak}},
       // The diagnosis's text is the report's; here the run must reach it.
       {"--duration 2 --fps 240 --consumers 3 --hold 40-120 --release-period 0 --quiet"
        " --sensor id=0,modes=0:4000x3000,slots=2",
@@ -182,9 +179,7 @@ TEST(GainMapSimVirtualTime, TheSameSeedReplaysByteForByteAndAnotherSeedDoesNot) 
   EXPECT_EQ(jsonOf(args + "3"), first);
   EXPECT_NE(figuresOf(args + "4")["sensors"], figures["sensors"]);
   EXPECT_EQ(figures.value("result", ""), "clean") << first;
-  EXPECT_GT(figures["sensors"][1]["frames"]["consumed"], 0);
-  EXPECT_FALSE(figures["sensors"][0].contains("latencyUs"));
-  EXPECT_EQ(figures["scenarios"]["replacedPoolsAlive"], 0);
+  EXPECT_FALSE(figures["sensors"][0].contains("latencyUs")) << "no wall-clock figure";
 }
 
 // Consumers that hold every frame for H seconds at F fps, taking each frame as it is published:
