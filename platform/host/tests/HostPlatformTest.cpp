@@ -138,8 +138,9 @@ std::shared_ptr<NSCam::CTM::TaskHandle> postStep(std::shared_ptr<TaskQueue>& que
 }
 
 // Creating a queue starts no thread, and a blocked task keeps its worker: with every worker
-// blocked, a task that waits on another queue's barrier still gets it run, on workers started for
-// them, as a pool's destruction does when its last reference goes inside another queue's task.
+// blocked, what is posted meanwhile runs on workers started for it, one task of a queue at a time
+// and each poster's in order, and a task that waits on another queue's barrier gets it run, as a
+// pool's destruction does when its last reference goes inside another queue's task.
 TEST(HostCentralTaskMgr, BlockedTasksNeverStarveAnotherQueue) {
   qelcam::host::waitQueuesIdle();
   auto const before = qelcam::host::taskWorkerStats();
@@ -165,12 +166,28 @@ TEST(HostCentralTaskMgr, BlockedTasksNeverStarveAnotherQueue) {
     });
   }
   allParked.get_future().wait();
+  std::vector<std::vector<int>> ran(2);  // per poster; written only by the queue's tasks
+  std::atomic<int> running{0};
+  auto const post = [&](size_t poster) {
+    for (int n = 0; n < 10; ++n) {
+      CentralTaskMgr::asyncPost(queues[parked], 1, [&, poster, n] {
+        EXPECT_EQ(running.fetch_add(1), 0) << "two tasks of one queue at once";
+        ran[poster].push_back(n);
+        running.fetch_sub(1);
+      });
+    }
+  };
+  std::thread second(post, 1);
+  post(0);
+  second.join();
   postStep(queues[parked], [&] { postStep(queues[parked + 1], [] {})->getFuture().wait(); })
       ->getFuture()
       .wait();
   unpark.set_value();
   qelcam::host::waitQueuesIdle();
   EXPECT_GT(qelcam::host::taskWorkerStats().workersStarted, before.workersStarted);
+  std::vector<int> const inOrder = {0, 1, 2, 3, 4, 5, 6, 7, 8, 9};
+  EXPECT_EQ(ran, (std::vector<std::vector<int>>{inOrder, inOrder}));
 }
 
 // One thread drives held queues: it runs a chosen task after its queue's earlier ones, and a wait
