@@ -7,23 +7,19 @@
 
 #include <nlohmann/json.hpp>
 
-namespace qelcam {
-namespace host {
+namespace qelcam::host {
 
 struct TraceCheck {
-  // Empty when the file is a valid trace; otherwise one line per problem.
-  std::vector<std::string> problems;
-  // The parsed trace, for further questions about its events.
-  nlohmann::json trace;
+  std::vector<std::string> problems;  // empty when the file is a valid trace
+  nlohmann::json trace;               // the parsed file, for further questions about its events
 
   // The problems, a line each, for a failing assertion's message.
   std::string problemText() const;
 };
 
-// Well-formed JSON in the object form with "traceEvents"; every event has the fields its phase
-// needs; slices nest and balance on each thread; async spans balance per category and id; every
-// flow end follows its start; counter values are numbers.
+// Well-formed JSON in the object form with "traceEvents"; every event has a phase and a time;
+// slices nest and balance on each thread; async spans balance per category and id; every flow
+// end follows its start. What each kind of event holds is pinned by the host's trace test.
 TraceCheck checkChromeTrace(std::string const& path);
 
-}  // namespace host
-}  // namespace qelcam
+}  // namespace qelcam::host
