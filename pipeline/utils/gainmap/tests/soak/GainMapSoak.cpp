@@ -55,11 +55,10 @@ struct Frame {
 
 struct Sensor {
   IGainMapBufPoolManager::PoolParameters params;
-  bool lagging;
-  // Releases of this sensor's pool, dated by their task: requested before releasePool, done once
-  // the queues have run everything posted since. A frame found all zero is lost unless a release
-  // was requested after the last one done when the frame started: a release and a resume give the
-  // slot fresh memory under the key it kept.
+  bool lagging;  // its pool takes no memory until the churn resumes it
+  // Releases dated by their task: requested before releasePool, done once the queues have run
+  // everything posted since. A frame found all zero is lost unless a release was requested after
+  // the last one done when it started (a release and a resume give fresh memory under its key).
   std::atomic<uint64_t> releasesRequested{0};
   std::atomic<uint64_t> releasesDone{0};
   // The newest frame, read and written only through std::atomic_load and std::atomic_store.
@@ -97,11 +96,10 @@ struct Soak {
     }
     std::vector<std::thread> threads;
     for (Sensor& sensor : sensors) {
-      create(sensor);
+      manager->createPool(sensor.params, sensor.lagging);
       threads.emplace_back([this, &sensor] { produce(sensor); });
       for (size_t c = 0; c < consumers; ++c) {
-        auto const consumerSeed = seed + static_cast<uint32_t>(threads.size());
-        threads.emplace_back([this, &sensor, consumerSeed] { consume(sensor, consumerSeed); });
+        threads.emplace_back([this, &sensor, n = threads.size()] { consume(sensor, n); });
       }
     }
     threads.emplace_back([this] { churn(); });
@@ -117,13 +115,6 @@ struct Soak {
 
   bool running() const { return Clock::now() < end; }
   void add(char const* row) { ++counts.at(row); }
-
-  void create(Sensor& sensor) {
-    manager->createPool(sensor.params, sensor.lagging);
-    if (sensor.lagging) {
-      manager->resumePool(sensor.params.sensorId);
-    }
-  }
 
   void produce(Sensor& sensor) {
     while (running()) {
@@ -147,22 +138,20 @@ struct Soak {
       } else if (written) {
         Frame const frame{pool, key, slot->index, doneAtStart};
         std::atomic_store(&sensor.latest, std::make_shared<Frame const>(frame));
+        std::this_thread::yield();  // the consumers' turn at the frame: pacing, not a verdict
       }
     }
   }
 
   // Borrows the newest frame and checks it after a hold: nobody may write a lent slot meanwhile,
   // nor take its buffers.
-  void consume(Sensor& sensor, uint32_t consumerSeed) {
-    std::minstd_rand random(consumerSeed);
+  void consume(Sensor& sensor, size_t thread) {
+    std::minstd_rand random(seed + static_cast<uint32_t>(thread));
     while (running()) {
       std::shared_ptr<Frame const> const frame = std::atomic_load(&sensor.latest);
-      if (!frame) {
-        std::this_thread::yield();
-        continue;
-      }
-      auto slot = frame->pool->getConsumerBuffer(frame->key, frame->index);
+      auto slot = frame ? frame->pool->getConsumerBuffer(frame->key, frame->index) : nullptr;
       if (!slot) {
+        std::this_thread::yield();
         continue;
       }
       Buffers const buffers = slot->buffers;
@@ -196,39 +185,32 @@ struct Soak {
       }
     }
     // Fresh memory under the frame's key: only a release task in between explains it.
-    if (zero && sensor.releasesRequested.load() > frame.releasesDoneAtStart) {
-      add("frames crossing a release (stale key)");
-    } else if (zero) {
-      add("frames lost");
+    if (zero) {
+      bool const crossed = sensor.releasesRequested.load() > frame.releasesDoneAtStart;
+      add(crossed ? "frames crossing a release (stale key)" : "frames lost");
     }
   }
 
-  // One change at random to one sensor's pool: a release, with a resume after a while or not,
-  // or a replacement.
+  // One change at random to one sensor's pool: a release, a resume or a replacement.
   void churn() {
     std::minstd_rand random(seed);
-    // Lets the lending threads run a while between two changes; it decides nothing.
-    auto const pause = [&random] {
-      std::this_thread::sleep_for(std::chrono::microseconds(200 + random() % 3000));
-    };
     while (running()) {
       Sensor& sensor = sensors[random() % std::size(sensors)];
       auto const pick = random() % 3;
-      if (pick == 2) {
-        create(sensor);
-        add("replacements");
-      } else {
+      if (pick == 0) {
         ++sensor.releasesRequested;
         manager->releasePool(sensor.params.sensorId);
         qelcam::host::waitQueuesIdle();
         ++sensor.releasesDone;
         add("releases");
-        pause();
-        if (pick == 0) {
-          manager->resumePool(sensor.params.sensorId);
-        }
+      } else if (pick == 1) {
+        manager->resumePool(sensor.params.sensorId);
+      } else {
+        manager->createPool(sensor.params, sensor.lagging);
+        add("replacements");
       }
-      pause();
+      // Lets the lending threads run a while between two changes; it decides nothing.
+      std::this_thread::sleep_for(std::chrono::microseconds(200 + random() % 3000));
     }
   }
 };
@@ -242,9 +224,8 @@ int main(int argc, char** argv) {
   for (int i = 1; usable && i + 1 < argc; i += 2) {
     std::string const flag = argv[i];
     std::istringstream value(argv[i + 1]);
-    bool const read =
-        flag == "--duration" ? !!(value >> seconds) : flag == "--seed" && value >> seed;
-    usable = read && value.eof();
+    usable = (flag == "--duration" ? !!(value >> seconds) : flag == "--seed" && value >> seed) &&
+             value.eof();
   }
   if (!usable || seconds <= 0) {
     std::fprintf(stderr, "usage: %s [--duration SECONDS per round] [--seed N]\n", argv[0]);
@@ -261,8 +242,7 @@ int main(int argc, char** argv) {
   // when consumers checked frames and every fault row is 0.
   for (size_t consumers : {1, 2, 4}) {
     qelcam::host::HeapStats const before = qelcam::host::heapStats();
-    auto const end = Clock::now() + std::chrono::duration_cast<Clock::duration>(
-                                        std::chrono::duration<double>(seconds));
+    auto const end = Clock::now() + std::chrono::milliseconds(static_cast<int64_t>(seconds * 1e3));
     Soak soak{end, static_cast<uint32_t>(seed), consumers};
     soak.run();
     qelcam::host::HeapStats const after = qelcam::host::heapStats();
