@@ -37,6 +37,12 @@ qelcam::host::HeapStats base;
 // The reason of this thread's last refused call, from the pool's refusal events.
 thread_local std::string tRefusal;
 
+// The logger of the run: it keeps the last line it was given (the pool's dump) instead of writing.
+struct LastLine : ULogger {
+  void write(uint32_t, char const*, int, char const* text, int) override { line = text; }
+  std::string line;
+} lastLine;
+
 // A call's outcome, "ok" or the reason of its refusal, must be one the protocol allows here.
 void expect(char const* call, bool ok, Allowed allowed = {"ok"}) {
   std::string const got = ok ? "ok" : tRefusal.empty() ? "no reason" : tRefusal;
@@ -79,13 +85,10 @@ void checkHasBuffers(SlotPtr const& slot, char const* who) {
 void produce(Pool& pool, long key, Allowed allowed = {"ok"}) {
   SlotPtr slot = pool.getProducerBuffer();
   checkHasBuffers(slot, "the producer");
-  if (!slot) {
-    return expect("a frame", false, allowed);
-  }
-  if (uint8_t* bytes = bytesOf(slot)) {
+  if (uint8_t* bytes = slot ? bytesOf(slot) : nullptr) {
     bytes[0] = static_cast<uint8_t>(key);
   }
-  expect("a frame", pool.setProducerBuffer(key, 1, slot) == 0, allowed);
+  expect("a frame", slot && pool.setProducerBuffer(key, 1, slot) == 0, allowed);
 }
 
 void handBack(Pool& pool, long key, int valid, SlotPtr const& slot) {
@@ -124,27 +127,17 @@ void releaseAndResume(Pool& pool) {
   pool.setPoolResume();
 }
 
-// The pool's dump line, kept from the logger instead of written.
-std::string dumpOf(Pool& pool) {
-  struct LastLine : ULogger {
-    void write(uint32_t, char const*, int, char const* text, int) override { line = text; }
-    std::string line;
-  } last;
-  qelcam::host::LogGates gates;
-  gates.set(2, 5, ULogger::sNormalDetailsMask | 0x201000);
-  ULogger* const logger = std::exchange(ULogger::sULogger, &last);
-  pool.dump();
-  ULogger::sULogger = logger;
-  return last.line;
-}
-
-// Once the threads have ended and the queue is idle, read in the pool's dump: users are back to
-// zero, a released pool's slots hold no memory, an active pool lends every slot with its buffers,
-// and the memory alive is one heap per slot that has buffers.
+// Once every thread has ended and the queue is idle, the pool's dump: users are back to zero, a
+// released pool's slots hold no memory, an active pool lends every slot with its buffers, and the
+// memory alive is one heap per slot that has buffers.
 void checkAtRest(Pool& pool) {
+  explore::joinAll();
   // A slot's (producer, consumers, valid size, key, buffers).
   static std::regex const fields(R"(\[(\d+)\]: \((\d+), (\d+), -?\d+, -?\d+, (\d+)\))");
-  std::string const dump = dumpOf(pool);
+  qelcam::host::LogGates gates;
+  gates.set(2, 5, ULogger::sNormalDetailsMask | 0x201000);
+  pool.dump();
+  std::string const dump = lastLine.line;
   check(dump.rfind("[dump] [s:", 0) == 0, "no dump: " + dump);
   bool const released = dump.find("released(1)") != std::string::npos;
   uint64_t withBuffers = 0;
@@ -162,12 +155,6 @@ void checkAtRest(Pool& pool) {
   }
 }
 
-// Once every thread has ended, the pool at rest.
-void joinAllAtRest(Pool& pool) {
-  explore::joinAll();
-  checkAtRest(pool);
-}
-
 // Frame 100 in slot 0, which `reader` holds, and frame 101 in slot 1.
 std::shared_ptr<Pool> slotZeroRead(SlotPtr* reader) {
   auto pool = newPool(params(2));
@@ -182,7 +169,7 @@ void releaseVsProducerGet() {
   auto pool = newPool(params(2));
   spawn("producer", [&] { produce(*pool, 1, {"ok", "released"}); });
   spawn("client", [&] { pool->setPoolReleased(); });
-  joinAllAtRest(*pool);
+  checkAtRest(*pool);
 }
 
 // A release against the producer handing its slot back: the slot is freed either way.
@@ -191,7 +178,7 @@ void releaseVsProducerSet() {
   SlotPtr writing = pool->getProducerBuffer();
   spawn("producer", [&] { handBack(*pool, 100, 1, writing); });
   spawn("client", [&] { pool->setPoolReleased(); });
-  joinAllAtRest(*pool);
+  checkAtRest(*pool);
 }
 
 // A release against a consumer that returns slot 0 and borrows slot 1.
@@ -205,7 +192,7 @@ void releaseVsConsumer() {
     borrow(*pool, 101, 1, {"ok", "released", "buffers released"});
   });
   spawn("client", [&] { pool->setPoolReleased(); });
-  joinAllAtRest(*pool);
+  checkAtRest(*pool);
 }
 
 // A resume against the return of a slot held since before the release: it keeps its memory.
@@ -217,7 +204,7 @@ void resumeVsConsumerReturn() {
   explore::settle();
   spawn("consumer", [&] { held.giveBack(*pool); });
   spawn("client", [&] { pool->setPoolResume(); });
-  joinAllAtRest(*pool);
+  checkAtRest(*pool);
 }
 
 // A resume against a consumer quoting a frame from before the release, which may be lent on the
@@ -229,7 +216,7 @@ void resumeVsStaleConsumer() {
   explore::settle();
   spawn("consumer", [&] { borrow(*pool, 100, 0, {"ok", "released"}); });
   spawn("client", [&] { pool->setPoolResume(); });
-  joinAllAtRest(*pool);
+  checkAtRest(*pool);
 }
 
 // A growth of the rotation against a release, and a resume if `resume`: the grown slot gets no
@@ -262,7 +249,7 @@ void growthAtLastSlotVsSlot0Return() {
   Hold held(pool->getConsumerBuffer(102, 0));
   spawn("producer", [&] { produce(*pool, 104); });
   spawn("consumer", [&] { held.giveBack(*pool); });
-  joinAllAtRest(*pool);
+  checkAtRest(*pool);
 }
 
 // The pool's last reference dropped while a growth is queued.
@@ -354,7 +341,7 @@ void framesFlowWhileReleasedAndResumed() {
   spawn("producer", [&] { produce(*pool, 101, {"ok", "released"}); });
   spawn("consumer", [&] { borrow(*pool, 100, 0, {"ok", "released", "buffers released"}); });
   spawn("client", [&] { releaseAndResume(*pool); });
-  joinAllAtRest(*pool);
+  checkAtRest(*pool);
 }
 
 // Every scenario ends with its pools gone and their memory with them: no heap and no locked
@@ -396,6 +383,7 @@ int main(int argc, char** argv) {
   // Refusals come by the thousand: no log line, but every refusal's reason, on its own thread.
   ULogger::sMode = 0;
   ULogger::sDetailsLevel = 1;
+  ULogger::sULogger = &lastLine;
   qelcam::host::TraceListener refusals(
       [](qelcam::host::TraceEvent const& event) {
         if (auto const* reason = event.find("reason")) {
