@@ -207,8 +207,7 @@ void resumeVsConsumerReturn() {
   checkAtRest(*pool);
 }
 
-// A resume against a consumer quoting a frame from before the release, which may be lent on the
-// slot's fresh memory.
+// A resume against a consumer quoting a frame from before the release: it may be lent fresh memory.
 void resumeVsStaleConsumer() {
   auto pool = newPool(params(2));
   produce(*pool, 100);
@@ -307,16 +306,13 @@ void destroyAllPoolsWhileASlotIsHeld() {
   check(manager->getPool(kSensor) == nullptr, "getPool finds a destroyed pool");
 }
 
-// A release and resume against a holder of a multi-mode slot.
+// A release and resume against a holder of a multi-mode slot, who reads it as clients do, without
+// the slot's lock: the resume, which reaches every slot of a multi-mode pool, must write nothing
+// there (ThreadSanitizer sees a write as a race).
 void resumeVsMultiModeHolder() {
-  auto modes = params(1);
-  modes.sensorSizes = {{0, MSize(5760, 160)}, {1, MSize(5760, 120)}};
-  auto pool = newPool(modes);
+  auto pool = newPool({kSensor, {{0, MSize(5760, 160)}, {1, MSize(5760, 120)}}, 1, 1, kUniKey});
   SlotPtr writing = pool->getProducerBuffer();
   auto const tall = writing->buffersBySize.at(MSize(5760, 160));
-  // A holder reads its slot as clients do, without the slot's lock: the resume, which reaches
-  // every slot of a multi-mode pool, must write nothing there (ThreadSanitizer sees a write as a
-  // race).
   spawn("holder", [&] {
     for (char const* read : {"read", "read again"}) {
       explore::point(read);
