@@ -7,7 +7,7 @@
 #include <functional>
 #include <initializer_list>
 #include <memory>
-#include <regex>
+#include <sstream>
 #include <string>
 #include <utility>
 #include <vector>
@@ -132,20 +132,24 @@ void releaseAndResume(Pool& pool) {
 // memory alive is one heap per slot that has buffers.
 void checkAtRest(Pool& pool) {
   explore::joinAll();
-  // A slot's (producer, consumers, valid size, key, buffers).
-  static std::regex const fields(R"(\[(\d+)\]: \((\d+), (\d+), -?\d+, -?\d+, (\d+)\))");
   qelcam::host::LogGates gates;
   gates.set(2, 5, ULogger::sNormalDetailsMask | 0x201000);
   pool.dump();
-  std::string const dump = lastLine.line;
-  check(dump.rfind("[dump] [s:", 0) == 0, "no dump: " + dump);
-  bool const released = dump.find("released(1)") != std::string::npos;
+  std::string slots = lastLine.line;
+  check(slots.rfind("[dump] [s:", 0) == 0, "no dump: " + slots);
+  bool const released = slots.find("released(1)") != std::string::npos;
+  // Each slot's (index, producer, consumers, valid size, key, buffers), as numbers alone.
+  slots.erase(0, slots.find('{'));
+  auto const notNumber = [](char c) { return c != '-' && (c < '0' || c > '9'); };
+  std::replace_if(slots.begin(), slots.end(), notNumber, ' ');
+  std::istringstream fields(slots);
   uint64_t withBuffers = 0;
-  for (std::sregex_iterator it(dump.begin(), dump.end(), fields), end; it != end; ++it) {
-    std::string const slot = "slot " + it->str(1);
-    check(it->str(2) == "0" && it->str(3) == "0", slot + " still has users at rest");
-    check(!released || it->str(4) == "0", slot + " of a released pool keeps its memory");
-    withBuffers += std::stoul(it->str(4));
+  for (long i, producer, consumers, valid, key, buffers;
+       fields >> i >> producer >> consumers >> valid >> key >> buffers;) {
+    std::string const slot = "slot " + std::to_string(i);
+    check(producer == 0 && consumers == 0, slot + " still has users at rest");
+    check(!released || buffers == 0, slot + " of a released pool keeps its memory");
+    withBuffers += static_cast<uint64_t>(buffers);
   }
   uint64_t const heaps = qelcam::host::heapStats().heapsAlive - base.heapsAlive;
   check(heaps == withBuffers, std::to_string(heaps) + " heaps alive for " +
