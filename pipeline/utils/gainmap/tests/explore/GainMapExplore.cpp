@@ -383,7 +383,7 @@ int main(int argc, char** argv) {
   // Refusals come by the thousand: no log line, but every refusal's reason, on its own thread.
   ULogger::sMode = 0;
   ULogger::sDetailsLevel = 1;
-  ULogger::sULogger = &lastLine;
+  ULogger* const logger = std::exchange(ULogger::sULogger, &lastLine);
   qelcam::host::TraceListener refusals(
       [](qelcam::host::TraceEvent const& event) {
         if (auto const* reason = event.find("reason")) {
@@ -391,5 +391,7 @@ int main(int argc, char** argv) {
         }
       },
       NSCam::Utils::Trace::kInstants);
-  return explore::runMain(argc, argv, scenarios());
+  int const status = explore::runMain(argc, argv, scenarios());
+  ULogger::sULogger = logger;
+  return status;
 }
