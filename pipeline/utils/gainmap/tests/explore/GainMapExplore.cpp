@@ -51,12 +51,10 @@ void expect(char const* call, bool ok, Allowed allowed = {"ok"}) {
         std::string(call) + " gave \"" + got + "\", which the protocol does not allow here");
 }
 
-// Gain maps of 576x16 bytes.
-Pool::PoolParameters params(uint32_t slots) {
-  return {kSensor, {{0, MSize(5760, 160)}}, 1, slots, kUniKey};
-}
+// Two slots of gain maps of 576x16 bytes.
+Pool::PoolParameters const kTwoSlots{kSensor, {{0, MSize(5760, 160)}}, 1, 2, kUniKey};
 
-std::shared_ptr<Pool> newPool(Pool::PoolParameters const& parameters) {
+std::shared_ptr<Pool> newPool(Pool::PoolParameters const& parameters = kTwoSlots) {
   auto pool = std::make_shared<Pool>(parameters, false);
   explore::settle();
   return pool;
@@ -161,7 +159,7 @@ void checkAtRest(Pool& pool) {
 
 // Frame 100 in slot 0, which `reader` holds, and frame 101 in slot 1.
 std::shared_ptr<Pool> slotZeroRead(SlotPtr* reader) {
-  auto pool = newPool(params(2));
+  auto pool = newPool();
   produce(*pool, 100);
   *reader = pool->getConsumerBuffer(100, 0);
   produce(*pool, 101);
@@ -170,7 +168,7 @@ std::shared_ptr<Pool> slotZeroRead(SlotPtr* reader) {
 
 // A release against the producer taking a slot: lent with its buffers, or refused as released.
 void releaseVsProducerGet() {
-  auto pool = newPool(params(2));
+  auto pool = newPool();
   spawn("producer", [&] { produce(*pool, 1, {"ok", "released"}); });
   spawn("client", [&] { pool->setPoolReleased(); });
   checkAtRest(*pool);
@@ -178,7 +176,7 @@ void releaseVsProducerGet() {
 
 // A release against the producer handing its slot back: the slot is freed either way.
 void releaseVsProducerSet() {
-  auto pool = newPool(params(2));
+  auto pool = newPool();
   SlotPtr writing = pool->getProducerBuffer();
   spawn("producer", [&] { handBack(*pool, 100, 1, writing); });
   spawn("client", [&] { pool->setPoolReleased(); });
@@ -213,7 +211,7 @@ void resumeVsConsumerReturn() {
 
 // A resume against a consumer quoting a frame from before the release: it may be lent fresh memory.
 void resumeVsStaleConsumer() {
-  auto pool = newPool(params(2));
+  auto pool = newPool();
   produce(*pool, 100);
   pool->setPoolReleased();
   explore::settle();
@@ -272,7 +270,7 @@ void lastReferenceVsQueuedGrowth() {
 
 // A manager's pool of two slots.
 std::shared_ptr<Pool> managedPool(GainMapBufPoolMgrImp& manager) {
-  manager.createPool(params(2), false);
+  manager.createPool(kTwoSlots, false);
   explore::settle();
   return std::static_pointer_cast<Pool>(manager.getPool(kSensor));
 }
@@ -287,7 +285,7 @@ void createPoolReplacingALendingPool() {
     produce(*old, 101);
     old.reset();
   });
-  spawn("client", [&] { expect("createPool", manager->createPool(params(2), false) == 0); });
+  spawn("client", [&] { expect("createPool", manager->createPool(kTwoSlots, false) == 0); });
   explore::joinAll();
   // The replaced pool went with its last holder; the new one lends.
   auto fresh = std::static_pointer_cast<Pool>(manager->getPool(kSensor));
@@ -336,7 +334,7 @@ void resumeVsMultiModeHolder() {
 
 // A frame produced and one consumed while the pool is released and resumed.
 void framesFlowWhileReleasedAndResumed() {
-  auto pool = newPool(params(2));
+  auto pool = newPool();
   produce(*pool, 100);
   spawn("producer", [&] { produce(*pool, 101, {"ok", "released"}); });
   spawn("consumer", [&] { borrow(*pool, 100, 0, {"ok", "released", "buffers released"}); });
