@@ -240,7 +240,7 @@ int main(int argc, char** argv) {
   };
   // One round per count: a lone consumer, a pair, and more consumers than slots. A round is clean
   // when consumers checked frames and every fault row is 0.
-  for (size_t consumers : {1, 2, 4}) {
+  for (size_t consumers : {1u, 2u, 4u}) {
     qelcam::host::HeapStats const before = qelcam::host::heapStats();
     auto const end = Clock::now() + std::chrono::milliseconds(static_cast<int64_t>(seconds * 1e3));
     Soak soak{end, static_cast<uint32_t>(seed), consumers};
