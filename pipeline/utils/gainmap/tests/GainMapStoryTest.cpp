@@ -56,27 +56,37 @@ TEST_F(GainMapStoryTest, AReleaseReturnsOnlyOnceTheCreationStillQueuedHasRun) {
 
 struct FatalRow {
   void (*act)();
-  // Our own last line before the process ends.
-  char const* line;
+  // Our own last lines before the process ends: the plain text to the logger sink, the fatal
+  // notification, then the suffixed text to the assertion.
+  char const* lines;
 };
 
-TEST_F(GainMapStoryTest, WhatThePoolCannotGoOnWithoutEndsTheProcessAfterItsOwnLine) {
+TEST_F(GainMapStoryTest, WhatThePoolCannotGoOnWithoutEndsTheProcessAfterItsOwnLines) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");
   FatalRow const rows[] = {
       {[] {
          qelcam::host::failHeapCreates(1);
-         auto pool = std::make_shared<Pool>(fourByThree(1, 2), false);
-         waitQueuesIdle();
+         createdPool(fourByThree(1, 2));
        },
-       "\\[allocSlotBuffersLocked:line-[0-9]+\\] \\[s:3\\]\\[i:0\\] create heap fail"},
+       "\\[allocSlotBuffersLocked:line-[0-9]+\\] \\[s:3\\]\\[i:0\\] create heap fail\n(.|\n)*"
+       "fatal notification 1(.|\n)*create heap fail \\(allocSlotBuffersLocked\\)"
+       "\\{#[0-9]+:pipeline/utils/gainmap/GainMapPool\\}"},
       {[] {
          qelcam::host::setGainMapFormats({});
-         auto pool = std::make_shared<Pool>(fourByThree(1, 1), false);
+         createdPool(fourByThree(1, 1));
        },
        "\\[determineBufferParams:line-[0-9]+\\] does not support gain map, should not reach here"},
+      // With every sink closed, the assertion still ends the process.
+      {[] {
+         qelcam::host::LogGates closed;
+         closed.set(0, 4, 0);
+         qelcam::host::setGainMapFormats({});
+         createdPool(fourByThree(1, 1));
+       },
+       "should not reach here \\(determineBufferParams\\)"},
   };
   for (FatalRow const& row : rows) {
-    EXPECT_DEATH(row.act(), row.line);
+    EXPECT_DEATH(row.act(), row.lines);
   }
 }
 
