@@ -1,9 +1,15 @@
-// Tables of literal answers: the geometry of sensor modes, the parameters that cannot make a pool,
-// and the debug lines of a pool's life (which the reference model does not compare).
+// What the reference model and the interleaving explorer cannot vouch for: literal geometry, the
+// parameters that cannot make a pool, the debug lines of a pool's life, a release that waits for
+// the creation still queued, the process ending after our own fatal lines, and concurrent first
+// calls that make one manager.
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <cstdlib>
+#include <future>
 #include <map>
+#include <set>
 #include <sstream>
 #include <tuple>
 
@@ -12,6 +18,7 @@
 namespace gainmap_test {
 namespace {
 
+using NSCam::v3::Utils::IGainMapBufPoolManager;
 using qelcam::host::kFormatGainMap16;
 using qelcam::host::kFormatGainMap8;
 
@@ -111,9 +118,6 @@ TEST_F(GainMapTableTest, ParametersThatCannotMakeAPoolNameEachProblemAndGiveAPoo
       {poolParams({{0, MSize(100000, 1)}}, 1, 3),
        {"sensorSizes[0] (100000x1) with batchSize(1) gives slots of 0 bytes, 0 in 32 bits; a "
         "slot takes 1 to 2147483647 bytes"}},
-      {poolParams({{0, MSize(1, 100000)}}, 1, 3),
-       {"sensorSizes[0] (1x100000) with batchSize(1) gives slots of 33177600000 bytes, "
-        "3112828928 in 32 bits; a slot takes 1 to 2147483647 bytes"}},
       {poolParams({{0, MSize(4000000, 4000000)}}, 1, 3),
        {"sensorSizes[0] (4000000x4000000) with batchSize(1) gives slots of 331776 bytes, "
         "4294681600 in 32 bits; a slot takes 1 to 2147483647 bytes"}},
@@ -150,7 +154,7 @@ TEST_F(GainMapTableTest, VerboseDebugTellsEveryStepOfAPoolsLife) {
              "[operator()] [s:3] async create pool done"}));
 
   // Lend frame 100 to a consumer, then slot 1 to the producer.
-  produce(*pool, 100);
+  pool->setProducerBuffer(100, 1, pool->getProducerBuffer());
   auto reader = pool->getConsumerBuffer(100, 0);
   auto writer = pool->getProducerBuffer();
   EXPECT_EQ(take('5'), (Lines{"[onGetProducerBuffer] [s:3] current index: 0",
@@ -218,6 +222,85 @@ TEST_F(GainMapTableTest, VerboseDebugTellsEveryStepOfAPoolsLife) {
   EXPECT_EQ(take('5').at(3),
             "[GainMapBufPoolImp] ctor: mSensorId(3), mSensorSizes{[0]:(4000x3000) } mBatchSize(1), "
             "mSlotCount(2), mMaxSlotCount(4) laggingAlloc(1)");
+}
+
+TEST_F(GainMapTableTest, AReleaseReturnsOnlyOnceTheCreationStillQueuedHasRun) {
+  auto const before = qelcam::host::heapStats();
+  holdQueues();
+  // A caller that waits for a held task runs it itself: the release runs the creation it awaits.
+  qelcam::host::setWaitRunsHeldTasks(true);
+  auto pool = std::make_shared<Pool>(fourByThree(2, 3), false);
+  EXPECT_EQ(pool->setPoolReleased(), 0);
+  qelcam::host::setWaitRunsHeldTasks(false);
+  EXPECT_EQ(take('5'),
+            (Lines{"[GainMapBufPoolImp] ctor: mSensorId(3), mSensorSizes{[0]:(4000x3000) } "
+                   "mBatchSize(2), mSlotCount(3), mMaxSlotCount(6) laggingAlloc(0)",
+                   "[operator()] [s:3] async create pool start",
+                   "[operator()] [s:3] async create pool done",
+                   "[operator()] Wait for CTM createPool/resumePool done"}));
+  releaseQueues();
+  waitQueuesIdle();
+  // The creation's heaps, freed by the release that followed it.
+  EXPECT_EQ(qelcam::host::heapStats().heapsAlive, before.heapsAlive);
+  EXPECT_EQ(qelcam::host::heapStats().heapsCreated, before.heapsCreated + 3);
+}
+
+struct FatalRow {
+  uint32_t logMode;  // the sinks open
+  bool noFormats;    // the platform offers no gain-map format; else the first heap cannot be made
+  // Our own last lines before the process ends: the plain text to the logger sink, the fatal
+  // notification, then the suffixed text to the assertion.
+  char const* lines;
+};
+
+TEST_F(GainMapTableTest, WhatThePoolCannotGoOnWithoutEndsTheProcessAfterItsOwnLines) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  FatalRow const rows[] = {
+      {0x2, false,
+       "\\[allocSlotBuffersLocked:line-[0-9]+\\] \\[s:3\\]\\[i:0\\] create heap fail\n(.|\n)*"
+       "fatal notification 1(.|\n)*create heap fail \\(allocSlotBuffersLocked\\)"
+       "\\{#[0-9]+:pipeline/utils/gainmap/GainMapPool\\}"},
+      {0x2, true,
+       "\\[determineBufferParams:line-[0-9]+\\] does not support gain map, should not reach here"},
+      // With every sink closed, the assertion still ends the process.
+      {0x0, false, "create heap fail \\(allocSlotBuffersLocked\\)"},
+  };
+  for (FatalRow const& row : rows) {
+    auto const act = [&row] {
+      qelcam::host::LogGates gates;
+      gates.set(row.logMode, 4, 0);
+      if (row.noFormats) {
+        qelcam::host::setGainMapFormats({});
+      } else {
+        qelcam::host::failHeapCreates(1);
+      }
+      createdPool(fourByThree(1, 2));
+    };
+    EXPECT_DEATH(act(), row.lines);
+  }
+}
+
+TEST_F(GainMapTableTest, ConcurrentFirstCallsConstructOneManager) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  // A fresh process, so that this is really the first call.
+  EXPECT_EXIT(
+      {
+        std::vector<std::future<IGainMapBufPoolManager*>> callers;
+        for (int i = 0; i < 8; ++i) {
+          callers.push_back(std::async(std::launch::async,
+                                       [] { return IGainMapBufPoolManager::getInstance().get(); }));
+        }
+        std::set<IGainMapBufPoolManager*> seen;
+        for (auto& caller : callers) {
+          seen.insert(caller.get());
+        }
+        auto const logged = lines();
+        auto const constructions = std::count_if(logged.begin(), logged.end(), [](auto& line) {
+          return line.rfind("5 [GainMapBufPoolMgrImp] 0x", 0) == 0;
+        });
+        std::exit(seen.size() == 1 && constructions == 1 ? 0 : 1);
+      },
+      ::testing::ExitedWithCode(0), "");
 }
 
 }  // namespace

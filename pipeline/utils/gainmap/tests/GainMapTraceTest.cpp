@@ -98,11 +98,11 @@ TEST_F(GainMapTraceTest, EveryRefusalIsAnInstantWithItsReasonAndALoggedMessage) 
   EXPECT_FALSE(pool->getProducerBuffer());  // grows the rotation to its maximum of two
   EXPECT_FALSE(pool->getConsumerBuffer(0, 1));
   EXPECT_EQ(pool->setConsumerBuffer(reader), 0);
-  ASSERT_EQ(produce(*pool, 21), 0);
+  ASSERT_EQ(pool->setProducerBuffer(21, 1, pool->getProducerBuffer()), 0);
   EXPECT_FALSE(pool->getProducerBuffer());  // slot 1 waits for its memory on the held queue
   releaseQueues();
   waitQueuesIdle();
-  ASSERT_EQ(produce(*pool, 22), 1);
+  ASSERT_EQ(pool->setProducerBuffer(22, 1, pool->getProducerBuffer()), 0);
   auto first = pool->getConsumerBuffer(21, 0);
   auto second = pool->getConsumerBuffer(22, 1);
   ASSERT_TRUE(first && second);
@@ -114,9 +114,10 @@ TEST_F(GainMapTraceTest, EveryRefusalIsAnInstantWithItsReasonAndALoggedMessage) 
   EXPECT_FALSE(pool->getProducerBuffer());
   EXPECT_FALSE(pool->getConsumerBuffer(20, 0));
   // A golden dump: a released pool whose slots have lost their buffers but keep their keys.
-  EXPECT_EQ(lines().back(),
-            "D [s:3] released(1) (p, c, validSize, key, buffers.size()): {[0]: (0, 0, 1, 21, 0), "
-            "[1]: (0, 0, 1, 22, 0), }");
+  EXPECT_EQ(
+      lines().back(),
+      "D [dump] [s:3] released(1) (p, c, validSize, key, buffers.size()): {[0]: (0, 0, 1, 21, 0), "
+      "[1]: (0, 0, 1, 22, 0), }");
   EXPECT_FALSE(createdPool(fourByThree(1, 0))->getProducerBuffer());
   auto twoModes = createdPool(poolParams({{0, MSize(4000, 3000)}, {1, MSize(4000, 2250)}}, 1, 1));
   EXPECT_FALSE(twoModes->getConsumerBuffer(0, 0));
@@ -158,12 +159,12 @@ TEST_F(GainMapTraceTest, EveryRefusalIsAnInstantWithItsReasonAndALoggedMessage) 
 TEST_F(GainMapTraceTest, SlotSpansAndPoolCountersFollowTheLending) {
   TraceRecord trace;
   auto pool = createdPool(fourByThree(2, 2));
-  ASSERT_EQ(produce(*pool, 30), 0);
+  ASSERT_EQ(pool->setProducerBuffer(30, 2, pool->getProducerBuffer()), 0);
   auto first = pool->getConsumerBuffer(30, 0);
   auto second = pool->getConsumerBuffer(30, 0);
   ASSERT_TRUE(first && second);
   EXPECT_EQ(pool->setConsumerBuffer(first), 0);
-  ASSERT_EQ(produce(*pool, 31), 1);
+  ASSERT_EQ(pool->setProducerBuffer(31, 2, pool->getProducerBuffer()), 0);
   EXPECT_FALSE(pool->getProducerBuffer());  // slot 0 still read: the rotation grows
   waitQueuesIdle();
   pool.reset();  // the pool goes while a consumer still reads slot 0

@@ -64,32 +64,17 @@ class PoolTest : public ::testing::Test {
     qelcam::host::setGainMapFormats({qelcam::host::kFormatGainMap8});
   }
 
-  // The logger-sink lines since the last clear as "level text", dumps as "D text" without their
-  // "[dump] " head.
+  // The lines since the last clear as "level text", a dump's level read as "D". Only the logger
+  // sink is open.
   Lines lines() const {
     Lines out;
     for (auto const& record : mCapture.records()) {
-      if (record.sink != qelcam::host::LogRecord::Sink::Logger) {
-        continue;
-      }
-      bool const dump = record.level == 5 && record.text.rfind("[dump] ", 0) == 0;
-      out.push_back(dump ? "D " + record.text.substr(7)
-                         : std::to_string(record.level) + " " + record.text);
+      bool const dump = record.text.rfind("[dump] ", 0) == 0;
+      out.push_back((dump ? "D" : std::to_string(record.level)) + " " + record.text);
     }
     return out;
   }
   void clearLogs() { mCapture.clear(); }
-
-  // Takes the next slot and hands it back stamped with `key`; the slot's index.
-  int produce(Pool& pool, int64_t key) {
-    auto slot = pool.getProducerBuffer();
-    EXPECT_TRUE(slot) << "no slot for frame " << key;
-    if (!slot) {
-      return -1;
-    }
-    EXPECT_EQ(pool.setProducerBuffer(key, static_cast<int>(slot->buffers.size()), slot), 0);
-    return slot->index;
-  }
 
  private:
   qelcam::host::LogGates mGates;
