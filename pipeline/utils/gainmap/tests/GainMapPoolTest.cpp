@@ -380,7 +380,7 @@ TEST_F(GainMapPoolTest, ConcurrentFirstCallsConstructOneManager) {
       ::testing::ExitedWithCode(0), "");
 }
 
-TEST_F(GainMapPoolTest, EveryRefusalIsAnInstantWithItsReasonAndALoggedMessage) {
+TEST_F(GainMapPoolTest, EveryRefusalIsAnInstantWithItsReason) {
   // Refusals alone, as a tool that follows them without the timeline sees them.
   TraceRecord trace(NSCam::Utils::Trace::kInstants);
   holdQueues();
