@@ -1,6 +1,5 @@
-// libFuzzer target: the input's bytes choose the operations that the model driver runs through
-// the library's interface; any difference from the reference model, and any sanitizer report,
-// is a crash.
+// libFuzzer target: the input's bytes choose the model driver's operations on the library; a
+// difference from the reference model, or a sanitizer report, is a crash.
 
 #include <cstddef>
 #include <cstdint>
