@@ -200,23 +200,14 @@ class Episode {
         &Episode::releaseOrResume, &Episode::dropPool,    &Episode::dropPool,
         &Episode::destroyAllPools, &Episode::accessors,   &Episode::dropSlot,
         &Episode::holdOrRelease,   &Episode::managerDump, &Episode::platformChange};
-    static constexpr PoolCall kPoolCalls[] = {&Episode::getProducerBuffer,
-                                              &Episode::getProducerBuffer,
-                                              &Episode::getProducerBuffer,
-                                              &Episode::setProducerBuffer,
-                                              &Episode::setProducerBuffer,
-                                              &Episode::setProducerBuffer,
-                                              &Episode::getConsumerBuffer,
-                                              &Episode::getConsumerBuffer,
-                                              &Episode::getConsumerBuffer,
-                                              &Episode::setConsumerBuffer,
-                                              &Episode::setConsumerBuffer,
-                                              &Episode::poolReleaseOrResume,
-                                              &Episode::poolDump,
-                                              &Episode::frame,
-                                              &Episode::frame,
-                                              &Episode::frame,
-                                              &Episode::frame};
+    static constexpr PoolCall kPoolCalls[] = {
+        // As often as each weighs.
+        &Episode::getProducerBuffer,   &Episode::getProducerBuffer, &Episode::getProducerBuffer,
+        &Episode::getProducerBuffer,   &Episode::getProducerBuffer, &Episode::getProducerBuffer,
+        &Episode::getProducerBuffer,   &Episode::setProducerBuffer, &Episode::setProducerBuffer,
+        &Episode::setProducerBuffer,   &Episode::getConsumerBuffer, &Episode::getConsumerBuffer,
+        &Episode::getConsumerBuffer,   &Episode::setConsumerBuffer, &Episode::setConsumerBuffer,
+        &Episode::poolReleaseOrResume, &Episode::poolDump};
     constexpr uint32_t kClients = std::size(kClientCalls);
     uint32_t const call = mSource.below(kClients + 2 * std::size(kPoolCalls));
     if (call < kClients) {
@@ -357,13 +348,18 @@ class Episode {
     return text;
   }
 
-  // A producer's whole turn: take the next slot and hand it back filled.
-  std::string frame(PoolHandle const& handle, Lines& expected) {
+  // The producer takes the next slot and mostly hands it back filled at once, a frame's whole
+  // turn; otherwise the client keeps it, to return or misuse later.
+  std::string getProducerBuffer(PoolHandle const& handle, Lines& expected) {
     PoolModel& model = mWorld.pool(handle.id);
     std::shared_ptr<BufSlot> slot = heldCall([&] { return handle.pool->getProducerBuffer(); });
     int const index = model.getProducerBuffer(expected);
-    std::string const text = cat("pool #", handle.id, " frame: getProducerBuffer() = ", index);
+    std::string const text = cat("pool #", handle.id, " getProducerBuffer() = ", index);
     if (!checkLent(true, slot, handle.id, index)) {
+      return text;
+    }
+    if (mSource.below(7) >= 4) {
+      keepSlot(std::move(slot), handle.id, index, SlotKind::Producer);
       return text;
     }
     long const key = ++mLastKey;
@@ -373,15 +369,6 @@ class Episode {
     checkReturned(SlotKind::Producer, model.setProducerBuffer(key, validSize, index, expected),
                   status, nullptr);
     return cat(text, ", setProducerBuffer(key=", key, ", validSize=", validSize, ") = ", status);
-  }
-
-  std::string getProducerBuffer(PoolHandle const& handle, Lines& expected) {
-    std::shared_ptr<BufSlot> slot = heldCall([&] { return handle.pool->getProducerBuffer(); });
-    int const index = mWorld.pool(handle.id).getProducerBuffer(expected);
-    if (checkLent(true, slot, handle.id, index)) {
-      keepSlot(std::move(slot), handle.id, index, SlotKind::Producer);
-    }
-    return cat("pool #", handle.id, " getProducerBuffer() = ", index);
   }
 
   std::string setProducerBuffer(PoolHandle const& handle, Lines& expected) {

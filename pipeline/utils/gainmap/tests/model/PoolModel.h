@@ -169,8 +169,7 @@ struct SlotModel {
   bool useSizeMap = false;
   size_t buffers = 0;
   size_t sizeKeys = 0;
-  // The slot's heap, when it holds one.
-  bool hasMemory = false;
+  // The bytes of the slot's heap; 0 without one (a workable pool's heap is never empty).
   uint32_t memoryBytes = 0;
   uint64_t lockedBuffers = 0;
   // Slot pointers the client keeps; they keep the slot object, and a per-size batch, alive.
@@ -180,7 +179,6 @@ struct SlotModel {
   void releaseBuffers() {
     buffers = 0;
     sizeKeys = 0;
-    hasMemory = false;
     memoryBytes = 0;
     lockedBuffers = 0;
   }
@@ -346,9 +344,9 @@ class PoolModel {
   }
   void addAliveHeaps(HeapTotals& totals) const {
     for (SlotModel const& slot : mSlots) {
-      totals.heapsAlive += slot.hasMemory ? 1 : 0;
-      totals.bytesAlive += slot.hasMemory ? slot.memoryBytes : 0;
-      totals.buffersLocked += slot.hasMemory ? slot.lockedBuffers : 0;
+      totals.heapsAlive += slot.memoryBytes != 0 ? 1 : 0;
+      totals.bytesAlive += slot.memoryBytes;
+      totals.buffersLocked += slot.memoryBytes != 0 ? slot.lockedBuffers : 0;
     }
   }
 
@@ -548,7 +546,6 @@ class PoolModel {
       slot.buffers = slot.useSizeMap ? 0 : batch;
       slot.sizeKeys = slot.useSizeMap ? mGeometry.distinctSizes : 0;
       slot.lockedBuffers = lockedPerBatch * (slot.useSizeMap ? mGeometry.distinctSizes : 1);
-      slot.hasMemory = true;
       slot.memoryBytes = mGeometry.allocSize;
     }
     slot.ready = true;
