@@ -197,18 +197,18 @@ class Episode {
     // Lending calls dominate, as in a camera pipeline: a pool's call weighs twice a client's. The
     // client's calls keep the pools changing under them.
     static constexpr ClientCall kClientCalls[] = {
-        &Episode::createPool,      &Episode::createPool,  &Episode::getPool,
-        &Episode::releaseOrResume, &Episode::dropPool,    &Episode::dropPool,
-        &Episode::destroyAllPools, &Episode::accessors,   &Episode::dropSlot,
-        &Episode::holdOrRelease,   &Episode::managerDump, &Episode::platformChange};
+        &Episode::createPool,      &Episode::createPool,    &Episode::getPool,
+        &Episode::releaseOrResume, &Episode::dropPool,      &Episode::dropPool,
+        &Episode::destroyAllPools, &Episode::accessors,     &Episode::dropSlot,
+        &Episode::holdOrRelease,   &Episode::platformChange};
     static constexpr PoolCall kPoolCalls[] = {
         // As often as each weighs.
-        &Episode::getProducerBuffer,   &Episode::getProducerBuffer, &Episode::getProducerBuffer,
-        &Episode::getProducerBuffer,   &Episode::getProducerBuffer, &Episode::getProducerBuffer,
-        &Episode::getProducerBuffer,   &Episode::setProducerBuffer, &Episode::setProducerBuffer,
-        &Episode::setProducerBuffer,   &Episode::getConsumerBuffer, &Episode::getConsumerBuffer,
-        &Episode::getConsumerBuffer,   &Episode::setConsumerBuffer, &Episode::setConsumerBuffer,
-        &Episode::poolReleaseOrResume, &Episode::poolDump};
+        &Episode::getProducerBuffer,  &Episode::getProducerBuffer, &Episode::getProducerBuffer,
+        &Episode::getProducerBuffer,  &Episode::getProducerBuffer, &Episode::getProducerBuffer,
+        &Episode::getProducerBuffer,  &Episode::setProducerBuffer, &Episode::setProducerBuffer,
+        &Episode::setProducerBuffer,  &Episode::getConsumerBuffer, &Episode::getConsumerBuffer,
+        &Episode::getConsumerBuffer,  &Episode::setConsumerBuffer, &Episode::setConsumerBuffer,
+        &Episode::poolReleaseOrResume};
     constexpr uint32_t kClients = std::size(kClientCalls);
     uint32_t const call = mSource.below(kClients + 2 * std::size(kPoolCalls));
     if (call < kClients) {
@@ -220,18 +220,6 @@ class Episode {
     }
     PoolHandle const handle = mPools[mSource.below(static_cast<uint32_t>(mPools.size()))];
     return (this->*kPoolCalls[(call - kClients) / 2])(handle, expected);
-  }
-
-  std::string managerDump(Lines& expected) {
-    mManager->dump();
-    mWorld.dump(expected);
-    return "manager dump";
-  }
-
-  std::string poolDump(PoolHandle const& handle, Lines& expected) {
-    handle.pool->dump();
-    mWorld.pool(handle.id).dump(expected);
-    return cat("pool #", handle.id, " dump");
   }
 
   PoolParameters drawParameters() {
