@@ -435,8 +435,7 @@ class Episode {
     expectEqual("getMaxSlotCount", model.maxSlotCount(), pool.getMaxSlotCount());
     expectEqual("getBufBatchSize", model.geometry().batchSize, pool.getBufBatchSize());
     // Each mode's gain-map geometry is pinned by the unit tables; here, that every mode has one.
-    expectEqual("getPoolImgParams modes", model.geometry().imgParams.size(),
-                pool.getPoolImgParams().size());
+    expectEqual("getPoolImgParams modes", model.geometry().modes, pool.getPoolImgParams().size());
     return cat("pool #", handle.id, " accessors");
   }
 
