@@ -194,10 +194,10 @@ class Episode {
     // Lending calls dominate, as in a camera pipeline: a pool's call weighs twice a client's. The
     // client's calls keep the pools changing under them.
     static constexpr ClientCall kClientCalls[] = {
-        &Episode::createPool,      &Episode::createPool,    &Episode::getPool,
-        &Episode::releaseOrResume, &Episode::dropPool,      &Episode::dropPool,
-        &Episode::destroyAllPools, &Episode::accessors,     &Episode::dropSlot,
-        &Episode::holdOrRelease,   &Episode::platformChange};
+        &Episode::createPool,      &Episode::createPool, &Episode::getPool,
+        &Episode::releaseOrResume, &Episode::dropPool,   &Episode::dropPool,
+        &Episode::destroyAllPools, &Episode::accessors,  &Episode::holdOrRelease,
+        &Episode::platformChange};
     static constexpr PoolCall kPoolCalls[] = {
         // As often as each weighs.
         &Episode::getProducerBuffer,  &Episode::getProducerBuffer, &Episode::getProducerBuffer,
@@ -430,17 +430,6 @@ class Episode {
     return cat("pool #", handle.id, " accessors");
   }
 
-  std::string dropSlot(Lines&) {
-    if (mSlots.empty()) {
-      return "drop a slot: none held";
-    }
-    size_t const which = mSource.below(static_cast<uint32_t>(mSlots.size()));
-    std::string const text =
-        cat("drop slot handle of pool #", mSlots[which].poolId, " index ", mSlots[which].index);
-    dropSlotHandle(which);
-    return text;
-  }
-
   std::string holdOrRelease(Lines&) {
     if (mHeld) {
       host::releaseQueues();
@@ -538,6 +527,7 @@ class Episode {
   }
 
   void keepSlot(std::shared_ptr<BufSlot> slot, int poolId, int index, SlotKind kind) {
+    // A full hand drops a slot at random without handing it back, as a careless client would.
     if (mSlots.size() >= kMaxSlotHandles) {
       dropSlotHandle(mSource.below(static_cast<uint32_t>(mSlots.size())));
     }
