@@ -14,12 +14,12 @@
 #include <cstdio>
 #include <deque>
 #include <functional>
+#include <limits>
 #include <map>
 #include <memory>
 #include <set>
 #include <sstream>
 #include <string>
-#include <unordered_map>
 #include <utility>
 #include <vector>
 
@@ -29,12 +29,10 @@
 namespace gainmap_model {
 
 using PoolParameters = NSCam::v3::Utils::IGainMapBufPoolManager::PoolParameters;
-using ImgParam = qcam::IImageBufferAllocator::ImgParam;
 
 constexpr int kBadValue = -22;
 constexpr uint32_t kSlotCountBound = PoolParameters::kSlotCountLimit;
 constexpr int32_t kGainMapWidth = 576;
-constexpr int64_t kUsage = 0x6000f;
 // A slot's block must be allocatable as one 32-bit signed size.
 constexpr uint64_t kMaxBlockBytes = 0x7fffffff;
 
@@ -72,7 +70,7 @@ struct PlatformModel {
 
 // What the constructor works out from the parameters.
 struct Geometry {
-  std::unordered_map<unsigned int, ImgParam> imgParams;
+  size_t modes = 0;
   uint32_t batchSize = 1;
   // Bytes of one slot's heap, as the 32-bit arithmetic gives them.
   uint32_t allocSize = 0;
@@ -84,49 +82,43 @@ struct Geometry {
 
 // Rows of a 576-pixel-wide map with the sensor's aspect ratio, rounded up to an even count, in
 // the camera stack's wrapping 32-bit arithmetic.
-inline int32_t gainMapRows(NSCam::MSize const& size) {
+inline uint32_t gainMapRows(NSCam::MSize const& size) {
   if (size.w == 0) {
     return 0;
   }
   auto const product = static_cast<int32_t>(static_cast<uint32_t>(size.h) * 576u);
   auto const q = static_cast<uint32_t>(static_cast<int64_t>(product) / size.w);
-  return static_cast<int32_t>((q + 1u) & ~1u);
+  return (q + 1u) & ~1u;
 }
 
+// A slot's heap holds a batch of the mode with the tallest gain map (the first such in the map's
+// order), which has the smallest aspect ratio.
 inline Geometry computeGeometry(PoolParameters const& params, PlatformModel const& platform) {
   Geometry g;
+  g.modes = params.sensorSizes.size();
   g.batchSize = params.batchSize > 1 ? params.batchSize : 1;
-  auto const stride = static_cast<size_t>(static_cast<int64_t>(
-      static_cast<int32_t>(72u * static_cast<uint32_t>(platform.bitsPerPixel))));
+  uint32_t const stride = 72u * static_cast<uint32_t>(platform.bitsPerPixel);
   std::set<std::pair<int32_t, int32_t>> distinct;
-  bool haveWorst = false;
   unsigned int worstMode = 0;
   NSCam::MSize worstSize;
-  float worstRatio = 0;
+  // Sizes that are not positive make the pool unworkable, whichever mode they make the worst.
+  float worstRatio = std::numeric_limits<float>::infinity();
   int32_t const sensor = params.sensorId;
   if (params.sensorSizes.empty()) {
     g.problems.push_back(format("[isWorkable] [s:%d] sensorSizes has no sensor mode", sensor));
   }
   for (auto const& [mode, size] : params.sensorSizes) {
-    ImgParam param;
-    param.imgFormat = platform.gainMapFormat;
-    param.imgSize = NSCam::MSize(kGainMapWidth, gainMapRows(size));
-    param.strideInBytes = stride;
-    param.usage = kUsage;
-    g.imgParams.emplace(mode, param);
     distinct.emplace(size.w, size.h);
     float const ratio = static_cast<float>(size.w) / static_cast<float>(size.h);
-    if (!haveWorst || ratio < worstRatio) {
-      haveWorst = true;
+    if (ratio < worstRatio) {
       worstMode = mode;
       worstSize = size;
       worstRatio = ratio;
     }
     if (size.w <= 0 || size.h <= 0) {
       g.problems.push_back(
-          format("[isWorkable] [s:%d] sensorSizes[%u] (%dx%d) is not a positive "
-                 "size",
-                 sensor, mode, size.w, size.h));
+          format("[isWorkable] [s:%d] sensorSizes[%u] (%dx%d) is not a positive size", sensor, mode,
+                 size.w, size.h));
     }
   }
   g.distinctSizes = distinct.size();
@@ -134,10 +126,7 @@ inline Geometry computeGeometry(PoolParameters const& params, PlatformModel cons
     g.problems.push_back(format("[isWorkable] [s:%d] slotCount(%u) is not below %u", sensor,
                                 params.slotCount, kSlotCountBound));
   }
-  if (haveWorst) {
-    auto const rows = static_cast<uint32_t>(g.imgParams.at(worstMode).imgSize.h);
-    g.allocSize = rows * static_cast<uint32_t>(stride) * g.batchSize;
-  }
+  g.allocSize = g.modes != 0 ? gainMapRows(worstSize) * stride * g.batchSize : 0;
   if (g.problems.empty()) {
     // The block without any wrapping, against what the 32-bit geometry gave.
     unsigned __int128 const rows =
@@ -147,13 +136,12 @@ inline Geometry computeGeometry(PoolParameters const& params, PlatformModel cons
     unsigned __int128 const wide = rows * stride * g.batchSize;
     uint64_t const exact = wide > UINT64_MAX ? UINT64_MAX : static_cast<uint64_t>(wide);
     if (exact == 0 || exact > kMaxBlockBytes || exact != g.allocSize) {
-      g.problems.push_back(
-          format("[isWorkable] [s:%d] sensorSizes[%u] (%dx%d) with "
-                 "batchSize(%u) gives slots of %llu bytes, %u in 32 bits; a "
-                 "slot takes 1 to %llu bytes",
-                 sensor, worstMode, worstSize.w, worstSize.h, params.batchSize,
-                 static_cast<unsigned long long>(exact), g.allocSize,
-                 static_cast<unsigned long long>(kMaxBlockBytes)));
+      g.problems.push_back(format(
+          "[isWorkable] [s:%d] sensorSizes[%u] (%dx%d) with batchSize(%u) gives slots of %llu "
+          "bytes, %u in 32 bits; a slot takes 1 to %llu bytes",
+          sensor, worstMode, worstSize.w, worstSize.h, params.batchSize,
+          static_cast<unsigned long long>(exact), g.allocSize,
+          static_cast<unsigned long long>(kMaxBlockBytes)));
     }
   }
   return g;
@@ -169,8 +157,7 @@ struct SlotModel {
   bool useSizeMap = false;
   size_t buffers = 0;
   size_t sizeKeys = 0;
-  // The slot's heap, when it holds one.
-  bool hasMemory = false;
+  // The bytes of the slot's heap; 0 without one (a workable pool's heap is never empty).
   uint32_t memoryBytes = 0;
   uint64_t lockedBuffers = 0;
   // Slot pointers the client keeps; they keep the slot object, and a per-size batch, alive.
@@ -180,7 +167,6 @@ struct SlotModel {
   void releaseBuffers() {
     buffers = 0;
     sizeKeys = 0;
-    hasMemory = false;
     memoryBytes = 0;
     lockedBuffers = 0;
   }
@@ -346,9 +332,9 @@ class PoolModel {
   }
   void addAliveHeaps(HeapTotals& totals) const {
     for (SlotModel const& slot : mSlots) {
-      totals.heapsAlive += slot.hasMemory ? 1 : 0;
-      totals.bytesAlive += slot.hasMemory ? slot.memoryBytes : 0;
-      totals.buffersLocked += slot.hasMemory ? slot.lockedBuffers : 0;
+      totals.heapsAlive += slot.memoryBytes != 0 ? 1 : 0;
+      totals.bytesAlive += slot.memoryBytes;
+      totals.buffersLocked += slot.memoryBytes != 0 ? slot.lockedBuffers : 0;
     }
   }
 
@@ -524,7 +510,7 @@ class PoolModel {
 
   void allocSlotBuffers(int32_t index, Lines& out) {
     SlotModel& slot = mSlots[static_cast<size_t>(index)];
-    size_t const modes = mGeometry.imgParams.size();
+    size_t const modes = mGeometry.modes;
     uint32_t const batch = mGeometry.batchSize;
     slot.useSizeMap = modes > 1;
     ++mHeaps.heapsCreated;
@@ -548,7 +534,6 @@ class PoolModel {
       slot.buffers = slot.useSizeMap ? 0 : batch;
       slot.sizeKeys = slot.useSizeMap ? mGeometry.distinctSizes : 0;
       slot.lockedBuffers = lockedPerBatch * (slot.useSizeMap ? mGeometry.distinctSizes : 1);
-      slot.hasMemory = true;
       slot.memoryBytes = mGeometry.allocSize;
     }
     slot.ready = true;
