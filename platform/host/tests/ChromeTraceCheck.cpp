@@ -45,14 +45,6 @@ std::string problemOf(json const& event, Open& open, std::map<std::string, int>&
 
 }  // namespace
 
-std::string TraceCheck::problemText() const {
-  std::string text;
-  for (auto const& problem : problems) {
-    text += problem + "\n";
-  }
-  return text;
-}
-
 TraceCheck checkChromeTrace(std::string const& path) {
   TraceCheck result;
   std::ifstream in(path);

@@ -12,9 +12,6 @@ namespace qelcam::host {
 struct TraceCheck {
   std::vector<std::string> problems;  // empty when the file is a valid trace
   nlohmann::json trace;               // the parsed file, for further questions about its events
-
-  // The problems, a line each, for a failing assertion's message.
-  std::string problemText() const;
 };
 
 // Well-formed JSON in the object form with "traceEvents"; every event has a phase and a time;

@@ -3,8 +3,7 @@
 #include <pthread.h>
 #include <unistd.h>
 
-#include <atomic>
-#include <chrono>
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -36,20 +35,9 @@ std::vector<uint64_t> since(qelcam::host::HeapStats const& b) {
           n.buffersLocked - b.buffersLocked, n.buffersDroppedLocked - b.buffersDroppedLocked};
 }
 
-// `count` buffers every `step` bytes from `start`, each of two planes of `plane` bytes.
-NSCam::ImageBufferInfo layout(size_t count, size_t step, size_t start, size_t plane) {
-  NSCam::ImageBufferInfo info;
-  info.count = count;
-  info.bufStep = step;
-  info.startOffset = start;
-  info.bufPlanes.count = 2;
-  info.bufPlanes.planes[0] = info.bufPlanes.planes[1] = {plane, plane / 10};
-  return info;
-}
-
-// A heap cuts only the buffers that fit; their bytes go back only when the heap and its last
-// buffer are gone.
-TEST(HostImageMemory, CutsWhatFitsAndFreesWithTheLastHolder) {
+// A buffer locks once and has an address only while locked; a heap's bytes go back only when the
+// heap and its last buffer are gone.
+TEST(HostImageMemory, LocksOnceAndFreesWithTheLastHolder) {
   auto const before = qelcam::host::heapStats();
   qcam::IImageBufferAllocator::ImgParam param;
   param.imgFormat = qelcam::host::kFormatBlob;
@@ -57,17 +45,12 @@ TEST(HostImageMemory, CutsWhatFitsAndFreesWithTheLastHolder) {
   param.strideInBytes = 12000;
   auto heap = qcam::IImageBufferHeapFactory::create("test", "heap", param, false);
   ASSERT_NE(heap, nullptr);
-  // Layout, buffers cut: those from the first whose last plane runs past the heap's end.
-  std::vector<std::pair<NSCam::ImageBufferInfo, size_t>> const cases = {
-      {layout(5, 3000, 0, 1500), 4},
-      {layout(1, 0, 9001, 1500), 0},
-      {layout(2, SIZE_MAX / 2 + 1, 0, 10), 1},
-  };
-  for (auto const& [info, cut] : cases) {
-    EXPECT_EQ(heap->createImageBuffers(info, "test", true).size(), cut) << info.startOffset;
-  }
-
-  auto buffers = heap->createImageBuffers(layout(3, 4000, 0, 1000), "test", true);
+  NSCam::ImageBufferInfo info;  // three buffers 4000 bytes apart, each of two 1000-byte planes
+  info.count = 3;
+  info.bufStep = 4000;
+  info.bufPlanes.count = 2;
+  info.bufPlanes.planes[0] = info.bufPlanes.planes[1] = {1000, 100};
+  auto buffers = heap->createImageBuffers(info, "test", true);
   ASSERT_EQ(buffers.size(), 3u);
   EXPECT_EQ(buffers[2]->getBufVA(0), 0u) << "no address before lockBuf";
   for (auto const& buffer : buffers) {
@@ -138,92 +121,31 @@ std::shared_ptr<NSCam::CTM::TaskHandle> postStep(std::shared_ptr<TaskQueue>& que
 }
 
 // Creating a queue starts no thread, and a blocked task keeps its worker: with every worker
-// blocked, what is posted meanwhile runs on workers started for it, one task of a queue at a time
-// and each poster's in order, and a task that waits on another queue's barrier gets it run, as a
-// pool's destruction does when its last reference goes inside another queue's task.
+// blocked, what is posted meanwhile runs on workers started for it, and a task that waits on
+// another queue's barrier gets it run, as a pool's destruction does when its last reference goes
+// inside another queue's task.
 TEST(HostCentralTaskMgr, BlockedTasksNeverStarveAnotherQueue) {
   qelcam::host::waitQueuesIdle();
   auto const before = qelcam::host::taskWorkerStats();
+  // One more blocked task than there are workers: the last needs a worker started for it.
   size_t const parked = before.workersAlive + 1;
   std::vector<std::shared_ptr<TaskQueue>> queues;
   for (size_t n = 0; n < parked + 2; ++n) {
     queues.push_back(makeQueue("queue"));
   }
-  auto const created = qelcam::host::taskWorkerStats();
-  EXPECT_EQ(created.workersStarted, before.workersStarted);
-  EXPECT_EQ(created.queuesAlive, before.queuesAlive + queues.size());
+  EXPECT_EQ(qelcam::host::taskWorkerStats().workersStarted, before.workersStarted);
 
   std::promise<void> unpark;
   std::shared_future<void> gate = unpark.get_future().share();
-  std::atomic<size_t> entered{0};
-  std::promise<void> allParked;
   for (size_t n = 0; n < parked; ++n) {
-    postStep(queues[n], [&, gate] {
-      if (entered.fetch_add(1) + 1 == parked) {
-        allParked.set_value();
-      }
-      gate.wait();
-    });
+    postStep(queues[n], [gate] { gate.wait(); });
   }
-  allParked.get_future().wait();
-  std::vector<std::vector<int>> ran(2);  // per poster; written only by the queue's tasks
-  std::atomic<int> running{0};
-  auto const post = [&](size_t poster) {
-    for (int n = 0; n < 10; ++n) {
-      CentralTaskMgr::asyncPost(queues[parked], 1, [&, poster, n] {
-        EXPECT_EQ(running.fetch_add(1), 0) << "two tasks of one queue at once";
-        ran[poster].push_back(n);
-        running.fetch_sub(1);
-      });
-    }
-  };
-  std::thread second(post, 1);
-  post(0);
-  second.join();
   postStep(queues[parked], [&] { postStep(queues[parked + 1], [] {})->getFuture().wait(); })
       ->getFuture()
       .wait();
   unpark.set_value();
   qelcam::host::waitQueuesIdle();
   EXPECT_GT(qelcam::host::taskWorkerStats().workersStarted, before.workersStarted);
-  std::vector<int> const inOrder = {0, 1, 2, 3, 4, 5, 6, 7, 8, 9};
-  EXPECT_EQ(ran, (std::vector<std::vector<int>>{inOrder, inOrder}));
-}
-
-// One thread drives held queues: it runs a chosen task after its queue's earlier ones, and a wait
-// for a held task runs that task on the waiting thread. The rest run on release, in their queue's
-// order, on a thread named after the queue.
-TEST(HostCentralTaskMgr, HeldQueuesRunWhatACallerChoosesOrWaitsForAndTheRestOnRelease) {
-  auto first = makeQueue("driven");
-  auto second = makeQueue("GMP_0");
-  std::vector<std::string> ran;  // each task's name, "@" and the thread's name if not this one
-  auto const step = [&ran, self = pthread_self()](std::string name) {
-    return [&ran, self, name] {
-      char thread[32] = {};
-      if (!pthread_equal(pthread_self(), self)) {
-        pthread_getname_np(pthread_self(), thread, sizeof thread);
-      }
-      ran.push_back(name + "@" + thread);
-    };
-  };
-  qelcam::host::holdQueues();
-  postStep(first, step("a1"));
-  uint64_t const a2 = qelcam::host::tasksPosted() + 1;
-  postStep(first, step("a2"));
-  postStep(second, step("b1"));
-  auto const a3 = postStep(first, step("a3"));
-  postStep(second, step("b2"));
-
-  EXPECT_TRUE(qelcam::host::runHeldTask(a2));
-  EXPECT_FALSE(qelcam::host::runHeldTask(a2));
-  EXPECT_EQ(ran, (std::vector<std::string>{"a1@", "a2@"}));
-  qelcam::host::setWaitRunsHeldTasks(true);
-  auto const status = a3->getFuture().wait_for(std::chrono::seconds(0));
-  qelcam::host::setWaitRunsHeldTasks(false);
-  EXPECT_EQ(status, std::future_status::ready) << "taking the future ran the task";
-  qelcam::host::releaseQueues();
-  qelcam::host::waitQueuesIdle();
-  EXPECT_EQ(ran, (std::vector<std::string>{"a1@", "a2@", "a3@", "b1@GMP_0", "b2@GMP_0"}));
 }
 
 std::string tracePath(std::string const& name) {
@@ -266,13 +188,15 @@ TEST(HostTrace, WritesEveryKindOfEventAndBalancesWhenStartedOrStoppedMidway) {
   EXPECT_FALSE(trace::enabled());
 
   auto check = qelcam::host::checkChromeTrace(path);
-  ASSERT_TRUE(check.problems.empty()) << check.problemText();
+  ASSERT_EQ(check.problems, std::vector<std::string>{});
   std::vector<std::string> events;
   json const first = check.trace["traceEvents"].at(0);
   for (auto const& event : check.trace["traceEvents"]) {
     events.push_back(event["ph"].get<std::string>() + (event["tid"] == first["tid"] ? " " : "~") +
                      event.value("name", "") + " " + event.value("args", json::object()).dump());
   }
+  // The stop closes what each thread left open in the order of their thread ids, which wrap.
+  std::sort(events.end() - 3, events.end());
   EXPECT_EQ(events,
             (std::vector<std::string>{
                 "M process_name {\"name\":\"" + std::string(program_invocation_short_name) + "\"}",
@@ -297,25 +221,19 @@ TEST(HostTrace, WritesEveryKindOfEventAndBalancesWhenStartedOrStoppedMidway) {
             }));
 }
 
+// The check must be able to fail: each fault adds a problem of its own.
 TEST(ChromeTraceCheck, FindsEveryKindOfFault) {
-  std::string const b = R"({"ph":"B","name":"a","pid":1,"tid":1,"ts":5})";
-  std::string const e = R"({"ph":"E","pid":1,"tid":1,"ts":)";
-  // The file's events, and a part of the problem found.
-  std::vector<std::pair<std::string, std::string>> const cases = {
-      {"{", "not a JSON object"},
-      {R"({"ph":"B","name":"a"})", "no time"},
-      {b, "\"a\" never ends"},
-      {e + "1}", "end without a begin"},
-      {b + "," + e + "4}", "ends before it begins"},
-      {b + R"(,{"ph":"E","name":"b","pid":1,"tid":1,"ts":6})", "is innermost"},
-      {R"({"ph":"f","name":"a","cat":"c","id":2,"pid":1,"tid":1,"ts":1})", "flow end without"},
-  };
+  std::string const b = R"({"ph":"B","name":"a","pid":1,"tid":1,"ts":5},)";
   std::string const path = tracePath("bad");
-  for (auto const& [events, problem] : cases) {
-    std::ofstream(path) << R"({"traceEvents":[)" << events << "]}";
-    auto const found = qelcam::host::checkChromeTrace(path).problemText();
-    EXPECT_NE(found.find(problem), std::string::npos) << events << "\n" << found;
-  }
+  std::ofstream(path) << R"({"traceEvents":[{"ph":"B"},)"                         // no time
+                      << b << R"({"ph":"E","pid":1,"tid":1,"ts":4},)"             // ends before
+                      << b << R"({"ph":"E","name":"b","pid":1,"tid":1,"ts":6},)"  // not innermost
+                      << R"({"ph":"E","pid":1,"tid":1,"ts":6},)"                  // no begin
+                      << R"({"ph":"f","name":"a","cat":"c","id":2,"ts":7},)"      // no flow start
+                      << R"({"ph":"B","name":"c","pid":1,"tid":1,"ts":8}]})";     // never ends
+  auto const problems = qelcam::host::checkChromeTrace(path).problems;
+  EXPECT_EQ(problems.size(), 6u) << testing::PrintToString(problems);
+  EXPECT_EQ(qelcam::host::checkChromeTrace(tracePath("none")).problems.size(), 1u);
 }
 
 }  // namespace

@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <functional>
 #include <sstream>
 #include <string>
@@ -61,13 +60,12 @@ TEST(SimReport, EachFaultFailsTheRunWithItsVerdict) {
     bool const fails = verdict.rfind("FAILED", 0) == 0;
     EXPECT_NE(text.find("\n" + verdict), std::string::npos) << text;
     EXPECT_NE(text.find(fails ? "\nresult: FAILED\n" : "\nresult: clean\n"), std::string::npos);
-    EXPECT_EQ(text.find("starvation:"), std::string::npos) << text;
   }
 }
 
-// A starved producer gets a diagnosis with the slots its holds need; the JSON carries every
-// figure of the table, one row each.
-TEST(SimReport, AStarvedProducerIsDiagnosedAndTheJsonCarriesEveryFigure) {
+// A starved producer gets a diagnosis with the slots its holds need; the JSON gives latencies in
+// microseconds.
+TEST(SimReport, AStarvedProducerIsDiagnosedAndTheJsonGivesMicroseconds) {
   Report report = healthyReport();
   SensorReport& sensor = report.sensors[0];
   sensor[Counter::FramesDue] = 480;
@@ -75,7 +73,6 @@ TEST(SimReport, AStarvedProducerIsDiagnosedAndTheJsonCarriesEveryFigure) {
   sensor.producerRefusals[static_cast<size_t>(Refusal::HeldByConsumers)] = 30;
   sensor.producerRefusals[static_cast<size_t>(Refusal::RotationAtMax)] = 300;
   sensor.latencies[static_cast<size_t>(Call::GetProducer)] = {1000, 2000, 3000};
-  report.peakImageBytes = 4 << 20;
 
   std::string const text = printed(report, 240);
   auto const json = reportJson(report, Options());
@@ -93,17 +90,8 @@ TEST(SimReport, AStarvedProducerIsDiagnosedAndTheJsonCarriesEveryFigure) {
   }
   size_t const dropped = text.find("\nframes dropped % ");
   EXPECT_EQ(text.substr(text.find('\n', dropped + 1) - 5, 5), " 79.2") << text;
-  auto const& figures = json["sensors"][0];
-  EXPECT_EQ(figures["latencyUs"]["getProducerBuffer"].dump(),
+  EXPECT_EQ(json["sensors"][0]["latencyUs"]["getProducerBuffer"].dump(),
             R"({"count":3,"max":3.0,"p50":2.0,"p99":3.0})");
-  EXPECT_EQ(figures["holdMs"]["consumer"]["max"], 120.0);
-  EXPECT_EQ(json["process"]["peakImageKiB"], 4096);
-  size_t count = 0;
-  for (auto const& [group, values] : figures.items()) {
-    count += values.is_object() ? values.size() : 0;
-  }
-  std::string const rows = text.substr(0, text.find("\nprocess:"));
-  EXPECT_EQ(static_cast<size_t>(std::count(rows.begin(), rows.end(), '\n')) - 1, count) << text;
 }
 
 }  // namespace
