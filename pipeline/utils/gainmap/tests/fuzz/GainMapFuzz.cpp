@@ -11,9 +11,8 @@
 
 extern "C" int LLVMFuzzerTestOneInput(uint8_t const* data, size_t size) {
   gainmap_model::ChoiceSource source(data, size);
-  gainmap_model::Tally tally;
   // Long inputs repeat what short ones reach; a bound keeps each run quick.
-  std::string const divergence = gainmap_model::runEpisode(source, 400, tally, nullptr);
+  std::string const divergence = gainmap_model::runEpisode(source, 400, nullptr);
   if (!divergence.empty()) {
     std::fprintf(stderr, "gainmap fuzz: the library and the model differ\n%s", divergence.c_str());
     std::abort();

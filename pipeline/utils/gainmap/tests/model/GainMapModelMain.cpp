@@ -74,7 +74,6 @@ int main(int argc, char** argv) {
     return 2;
   }
   std::signal(SIGALRM, onHang);
-  gainmap_model::Tally tally;
   unsigned long long done = 0;
   for (unsigned long long episode = options.fromEpisode; done < options.steps; ++episode) {
     unsigned long long const length = std::min(options.episode, options.steps - done);
@@ -87,7 +86,7 @@ int main(int argc, char** argv) {
     alarm(kPatienceSeconds);
     gainmap_model::ChoiceSource source(options.seed * 0x100000001b3ull + episode);
     std::string const divergence =
-        gainmap_model::runEpisode(source, length, tally, options.trace ? &std::cout : nullptr);
+        gainmap_model::runEpisode(source, length, options.trace ? &std::cout : nullptr);
     if (!divergence.empty()) {
       std::fprintf(stderr, "gainmap_model: the library and the model differ\nepisode %llu, %s%s\n",
                    episode, divergence.c_str(), replay.c_str());
@@ -97,8 +96,5 @@ int main(int argc, char** argv) {
   }
   alarm(0);
   std::printf("gainmap_model: %llu steps from seed %llu match the model\n", done, options.seed);
-  for (auto const& [what, count] : tally) {
-    std::printf("  %s: %llu\n", what.c_str(), static_cast<unsigned long long>(count));
-  }
   return 0;
 }

@@ -6,7 +6,6 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <map>
 #include <ostream>
 #include <string>
 
@@ -30,13 +29,10 @@ class ChoiceSource {
   bool mBytes = false;
 };
 
-// How often a run went through each part of the protocol, by name.
-using Tally = std::map<std::string, uint64_t>;
-
 // Runs up to `steps` operations from no pool (fewer once the source is exhausted), each followed
 // by its checks, then lets go of everything, destroys every pool and checks that no memory is
 // left. Returns what differed first, at which step and in which operation; empty when the library
 // matched the model throughout. `trace`, when given, receives one line per step.
-std::string runEpisode(ChoiceSource& source, uint64_t steps, Tally& tally, std::ostream* trace);
+std::string runEpisode(ChoiceSource& source, uint64_t steps, std::ostream* trace);
 
 }  // namespace gainmap_model

@@ -568,8 +568,9 @@ class WorldModel {
  public:
   PlatformModel platform;
 
-  // Returns the new pool's id. A replaced pool that nobody holds is destroyed.
-  int createPool(PoolParameters const& params, bool laggingAlloc, Lines& out) {
+  // Files a new pool, named by the order of creation; a replaced pool that nobody holds is
+  // destroyed.
+  void createPool(PoolParameters const& params, bool laggingAlloc, Lines& out) {
     int const id = static_cast<int>(mPools.size());
     mPools.push_back({std::make_unique<PoolModel>(params, laggingAlloc, platform, mMade, out), 0});
     auto [filed, fresh] = mBySensor.emplace(params.sensorId, id);
@@ -579,7 +580,6 @@ class WorldModel {
         pool(old).destroy(out);
       }
     }
-    return id;
   }
   // The pool filed for the sensor, or -1 (logged).
   int getPool(int sensorId, Lines& out, char const* func = "getPool") const {
