@@ -184,10 +184,9 @@ class Episode {
     // Lending calls dominate, as in a camera pipeline: a pool's call weighs twice a client's. The
     // client's calls keep the pools changing under them.
     static constexpr ClientCall kClientCalls[] = {
-        &Episode::createPool,      &Episode::createPool, &Episode::getPool,
-        &Episode::releaseOrResume, &Episode::dropPool,   &Episode::dropPool,
-        &Episode::destroyAllPools, &Episode::accessors,  &Episode::holdOrRelease,
-        &Episode::platformChange};
+        &Episode::createPool,      &Episode::createPool,    &Episode::getPool,
+        &Episode::releaseOrResume, &Episode::dropPool,      &Episode::dropPool,
+        &Episode::destroyAllPools, &Episode::holdOrRelease, &Episode::platformChange};
     static constexpr PoolCall kPoolCalls[] = {
         // As often as each weighs.
         &Episode::getProducerBuffer,  &Episode::getProducerBuffer, &Episode::getProducerBuffer,
@@ -401,21 +400,6 @@ class Episode {
     mWorld.pool(handle.id).releaseOrResume(release, expected);
     expectEqual(call + " status", 0, status);
     return text;
-  }
-
-  std::string accessors(Lines&) {
-    if (mPools.empty()) {
-      return "accessors: no pool held";
-    }
-    PoolHandle const& handle = mPools[mSource.below(static_cast<uint32_t>(mPools.size()))];
-    PoolModel& model = mWorld.pool(handle.id);
-    IGainMapBufPool& pool = *handle.pool;
-    expectEqual("getUniKey", model.uniKey(), pool.getUniKey());
-    expectEqual("getMaxSlotCount", model.maxSlotCount(), pool.getMaxSlotCount());
-    expectEqual("getBufBatchSize", model.geometry().batchSize, pool.getBufBatchSize());
-    // Each mode's gain-map geometry is pinned by the unit tables; here, that every mode has one.
-    expectEqual("getPoolImgParams modes", model.geometry().modes, pool.getPoolImgParams().size());
-    return cat("pool #", handle.id, " accessors");
   }
 
   std::string holdOrRelease(Lines&) {

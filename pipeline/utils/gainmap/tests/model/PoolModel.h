@@ -317,7 +317,6 @@ class PoolModel {
   uint32_t maxSlotCount() const { return mMaxSlotCount; }
   uint32_t slotCount() const { return mSlotCount; }
   bool workable() const { return mGeometry.problems.empty(); }
-  Geometry const& geometry() const { return mGeometry; }
   SlotModel* slot(int index) {
     bool const inside = index >= 0 && static_cast<size_t>(index) < mSlots.size();
     return inside ? &mSlots[static_cast<size_t>(index)] : nullptr;
