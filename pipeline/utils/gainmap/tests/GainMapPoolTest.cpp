@@ -70,7 +70,7 @@ class GainMapPoolTest : public ::testing::Test {
     qelcam::host::setGainMapFormats({qelcam::host::kFormatGainMap8});
   }
 
-  // The lines of one level ('D' for dumps) since the last take; a slot's address reads "<p>".
+  // The lines of one level since the last take, dumps left out; a slot's address reads "<p>".
   Lines take(char level) {
     Lines out;
     for (auto const& record : mCapture.records()) {
@@ -79,8 +79,7 @@ class GainMapPoolTest : public ::testing::Test {
       if (at != std::string::npos) {
         text.replace(at + 5, text.find_first_not_of("0123456789abcdef", at + 7) - at - 5, "<p>");
       }
-      bool const dump = text.rfind("[dump] ", 0) == 0;
-      if ((dump ? 'D' : '0' + record.level) == level) {
+      if (text.rfind("[dump] ", 0) != 0 && '0' + record.level == level) {
         out.push_back(text);
       }
     }
@@ -382,11 +381,6 @@ TEST_F(GainMapPoolTest, EveryRefusalIsAnInstantWithItsReason) {
   waitQueuesIdle();
   EXPECT_FALSE(pool->getProducerBuffer());
   EXPECT_FALSE(pool->getConsumerBuffer(20, 0));
-  // A golden dump: a released pool whose slots have lost their buffers but keep their keys.
-  EXPECT_EQ(
-      take('D').back(),
-      "[dump] [s:3] released(1) (p, c, validSize, key, buffers.size()): {[0]: (0, 0, 1, 21, 0), "
-      "[1]: (0, 0, 1, 22, 0), }");
   EXPECT_FALSE(createdPool(fourByThree(1, 0))->getProducerBuffer());
   auto twoModes = createdPool(poolParams({{0, MSize(4000, 3000)}, {1, MSize(4000, 2250)}}, 1, 1));
   EXPECT_FALSE(twoModes->getConsumerBuffer(0, 0));
