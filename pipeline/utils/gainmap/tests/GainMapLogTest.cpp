@@ -48,7 +48,6 @@ TEST(GainMapLog, EachClassReachesTheSinksItsGatesOpenAndIsOtherwiseNeverWorkedOu
       {0x2, 4, kAllDebugBits, Class::Debug, {}, false},
       {0x3, 5, kAllDebugBits, Class::Debug, {"P0 D/[QelCam/GainMapPool]", "L5 [TestBody] 1"}, true},
       {0x3, 5, kAllDebugBits & ~0x1000u, Class::Debug, {}, false},
-      {0x3, 5, kAllDebugBits & ~0x200000u, Class::Debug, {}, false},
       {0x0, 5, kAllDebugBits, Class::Debug, {}, true},
       {0x1, 4, 0, Class::Info, {"P3 I/[QelCam/GainMapPool]"}, true},
       {0x8, 4, 0, Class::Info, {"L3 [TestBody] 1"}, true},
