@@ -193,7 +193,7 @@ TEST_F(GainMapPoolTest, GainMapsKeepTheAspectAtWidth576AndOneBlockFitsTheTallest
   }
 }
 
-TEST_F(GainMapPoolTest, VerboseDebugTellsEveryStepOfAPoolsLife) {
+TEST_F(GainMapPoolTest, VerboseDebugTellsAPoolsCreationLendingAndRelease) {
   qelcam::host::setProperty(kDebugProperty, "1");
   auto pool = createdPool(fourByThree(1, 2));
   EXPECT_EQ(
