@@ -27,16 +27,6 @@ Lines seen(LogCapture const& capture) {
   return out;
 }
 
-class GainMapLog : public testing::Test {
- protected:
-  // Counts how often a message's arguments were worked out.
-  int counted() { return ++mEvaluated; }
-
-  int mEvaluated = 0;
-  // Puts the process's own gates back after the test.
-  qelcam::host::LogGates mGates;
-};
-
 // Which sinks a message of each class reaches under the gates of the environment.
 struct GateRow {
   uint32_t mode;
@@ -48,7 +38,7 @@ struct GateRow {
   bool evaluated;
 };
 
-TEST_F(GainMapLog, EachClassReachesTheSinksItsGatesOpenAndIsOtherwiseNeverWorkedOut) {
+TEST(GainMapLog, EachClassReachesTheSinksItsGatesOpenAndIsOtherwiseNeverWorkedOut) {
   GateRow const rows[] = {
       {0x2, 1, kAllDebugBits, Class::Error, {"L1 [TestBody] 1"}, true},
       {0x2, 1, kAllDebugBits, Class::Warning, {}, false},
@@ -58,31 +48,32 @@ TEST_F(GainMapLog, EachClassReachesTheSinksItsGatesOpenAndIsOtherwiseNeverWorked
       {0x2, 4, kAllDebugBits, Class::Debug, {}, false},
       {0x3, 5, kAllDebugBits, Class::Debug, {"P0 D/[QelCam/GainMapPool]", "L5 [TestBody] 1"}, true},
       {0x3, 5, kAllDebugBits & ~0x1000u, Class::Debug, {}, false},
-      {0x3, 5, kAllDebugBits & ~0x200000u, Class::Debug, {}, false},
       {0x0, 5, kAllDebugBits, Class::Debug, {}, true},
       {0x1, 4, 0, Class::Info, {"P3 I/[QelCam/GainMapPool]"}, true},
       {0x8, 4, 0, Class::Info, {"L3 [TestBody] 1"}, true},
   };
+  qelcam::host::LogGates gates;  // puts the process's own gates back after the test
   for (GateRow const& row : rows) {
     SCOPED_TRACE(testing::Message() << "row " << &row - rows);
-    mGates.set(row.mode, row.level, row.mask);
+    gates.set(row.mode, row.level, row.mask);
     LogCapture capture;
-    mEvaluated = 0;
-    GMP_LOG_CLASS_AS(row.cls, "TestBody", "[%s] %d", counted());
+    int evaluated = 0;
+    GMP_LOG_CLASS_AS(row.cls, "TestBody", "[%s] %d", ++evaluated);
     // The debug-print line is checked up to its tag; the next test checks the rest.
     Lines lines = seen(capture);
     for (std::string& line : lines) {
       line = line[0] == 'P' ? line.substr(0, line.find(' ', 3)) : line;
     }
     EXPECT_EQ(lines, row.lines);
-    EXPECT_EQ(mEvaluated, row.evaluated ? 1 : 0);
+    EXPECT_EQ(evaluated, row.evaluated ? 1 : 0);
   }
 }
 
-TEST_F(GainMapLog, EachSinkWritesItsOwnForm) {
+TEST(GainMapLog, EachSinkWritesItsOwnForm) {
   // An error carries its suffix on the debug-print sink only; a disabled debug-print level skips
   // that sink for that level only.
-  mGates.set(0x3, 5, kAllDebugBits);
+  qelcam::host::LogGates gates;
+  gates.set(0x3, 5, kAllDebugBits);
   qelcam::host::setDebugPrintLevelEnabled(CAM_DBG_WARN, false);
   LogCapture capture;
   std::string const at = std::to_string(__LINE__ + 1);
