@@ -6,6 +6,8 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <cstdlib>
+#include <future>
 #include <iterator>
 #include <map>
 #include <memory>
@@ -22,6 +24,7 @@
 namespace {
 
 using NSCam::MSize;
+using NSCam::v3::Utils::IGainMapBufPoolManager;
 using qelcam::host::holdQueues;
 using qelcam::host::kFormatGainMap8;
 using qelcam::host::releaseQueues;
@@ -284,6 +287,19 @@ TEST_F(GainMapPoolTest, WhatThePoolCannotGoOnWithoutEndsTheProcessAfterItsOwnLin
         },
         row.lines);
   }
+}
+
+TEST_F(GainMapPoolTest, ConcurrentFirstCallsConstructOneManager) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  // A fresh process, so that these are really the first calls. One manager, constructed once: its
+  // constructor's is the only line.
+  EXPECT_EXIT(
+      {
+        auto first = std::async(std::launch::async, IGainMapBufPoolManager::getInstance);
+        auto second = std::async(std::launch::async, IGainMapBufPoolManager::getInstance);
+        std::exit(first.get() == second.get() && take('5').size() == 1 ? 0 : 1);
+      },
+      ::testing::ExitedWithCode(0), "");
 }
 
 TEST_F(GainMapPoolTest, EveryRefusalIsAnInstantWithItsReason) {
