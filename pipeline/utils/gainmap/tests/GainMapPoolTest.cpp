@@ -258,6 +258,14 @@ TEST_F(GainMapPoolTest, VerboseDebugTellsAPoolsCreationLendingAndRelease) {
                    "[onSetProducerBuffer] [s:3][i:1] pool marked released, release slot buffers",
                    "[releaseSlotBuffersLocked] [s:3][i:1] released size (0)",
                    "[onSetProducerBuffer] [s:3][i:1] slot:<p>, size:0, valid size:1"}));
+
+  // A lagging pool says so in its constructor's line.
+  createdPool(fourByThree(1, 2), true);
+  Lines const lagging = take('5');
+  EXPECT_NE(std::find(lagging.begin(), lagging.end(),
+                      "[GainMapBufPoolImp] ctor: mSensorId(3), mSensorSizes{[0]:(4000x3000) } "
+                      "mBatchSize(1), mSlotCount(2), mMaxSlotCount(4) laggingAlloc(1)"),
+            lagging.end());
 }
 
 struct FatalRow {
